@@ -1,0 +1,63 @@
+# The two commands a newcomer needs: `make run` and `make test`.
+# Each installs what is missing, configures with CMake and Ninja, and builds.
+
+PACKAGES := cmake ninja-build g++ pkg-config python3 \
+            libxml2-dev zlib1g-dev libminizip-dev libssl-dev \
+            libboost-dev libboost-thread-dev libsystemd-dev \
+            libgtest-dev libgmock-dev googletest \
+            gettext libxml2-utils unzip zip util-linux
+
+JOBS ?= $(shell nproc)
+CMAKE_FLAGS := -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
+
+.PHONY: all deps build run test test-main test-asan test-tsan clean
+
+all: build
+
+# Installs only what is missing; `apt-get update` runs only then.
+deps:
+	@missing=""; \
+	for p in $(PACKAGES); do \
+	  dpkg-query -W -f='$${Status}\n' $$p 2>/dev/null | grep -q 'install ok installed' || missing="$$missing $$p"; \
+	done; \
+	if [ -n "$$missing" ]; then \
+	  echo "Installing:$$missing"; \
+	  if [ "$$(id -u)" -eq 0 ]; then SUDO=""; else SUDO="sudo"; fi; \
+	  $$SUDO apt-get update && \
+	  $$SUDO env DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends $$missing; \
+	fi
+
+build: deps
+	cmake -S . -B build $(CMAKE_FLAGS) -DKEEL_WERROR=ON
+	cmake --build build -j $(JOBS)
+
+# The tool's main job: a bundle from the shipped instructions.
+run: build
+	@rm -f build/KEELBundle.zip
+	./build/keelcli -dst build/KEELBundle.zip
+	@if [ -f build/KEELBundle.zip ]; then echo "Bundle written to $$(pwd)/build/KEELBundle.zip"; fi
+
+test: deps test-main test-asan test-tsan
+
+test-main:
+	cmake -S . -B build $(CMAKE_FLAGS) -DKEEL_WERROR=ON
+	cmake --build build -j $(JOBS)
+	ctest --test-dir build --output-on-failure -j $(JOBS) -E Slow
+
+test-asan:
+	cmake -S . -B build-asan $(CMAKE_FLAGS) -DKEEL_WERROR=ON -DKEEL_BENCH=OFF \
+	  -DKEEL_SANITIZE=address,undefined
+	cmake --build build-asan -j $(JOBS)
+	ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
+	  ctest --test-dir build-asan --output-on-failure -j $(JOBS) -E Slow
+
+# The tests that run threads at once, under ThreadSanitizer.
+test-tsan:
+	cmake -S . -B build-tsan $(CMAKE_FLAGS) -DKEEL_WERROR=ON -DKEEL_BENCH=OFF \
+	  -DKEEL_SANITIZE=thread
+	cmake --build build-tsan -j $(JOBS)
+	TSAN_OPTIONS=halt_on_error=1 \
+	  ctest --test-dir build-tsan --output-on-failure -j $(JOBS) -R Concurren --no-tests=ignore
+
+clean:
+	rm -rf build build-asan build-tsan

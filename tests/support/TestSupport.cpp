@@ -1,0 +1,174 @@
+#include "tests/support/TestSupport.h"
+
+#include <fcntl.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+namespace fs = std::filesystem;
+
+namespace keeltest {
+
+TempDir::TempDir() {
+  char pattern[] = "/tmp/keeltest.XXXXXX";
+  const char* made = mkdtemp(pattern);
+  m_path = made != nullptr ? made : "";
+}
+
+TempDir::~TempDir() {
+  if (m_path.empty())
+    return;
+  std::error_code error;
+  // Restore rights on everything first, so that unreadable folders go too.
+  Shell("chmod -R u+rwx '" + m_path + "' 2>/dev/null");
+  fs::remove_all(m_path, error);
+}
+
+bool WriteFile(const std::string& path, const std::string& content) {
+  std::error_code error;
+  fs::create_directories(fs::path(path).parent_path(), error);
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out << content;
+  return static_cast<bool>(out);
+}
+
+std::string ReadFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in)
+    return "<missing>";
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+bool PathExists(const std::string& path) {
+  std::error_code error;
+  return fs::symlink_status(path, error).type() != fs::file_type::not_found && !error;
+}
+
+std::vector<std::string> ListDir(const std::string& path) {
+  std::vector<std::string> names;
+  std::error_code error;
+  for (fs::directory_iterator it(path, error), end; !error && it != end; it.increment(error)) {
+    names.push_back(it->path().filename().string());
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+ResultCode CapturingLogger::Log(uint32_t severity, const char* message, const char* messageName,
+                                uint32_t messageId, uint32_t level) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  m_records.push_back(LogRecord{severity, message != nullptr ? message : "",
+                                messageName != nullptr ? messageName : "", messageId, level});
+  return 0;
+}
+
+std::vector<LogRecord> CapturingLogger::Records() const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return m_records;
+}
+
+bool CapturingLogger::Contains(const std::string& text) const {
+  return Count(text) > 0;
+}
+
+size_t CapturingLogger::Count(const std::string& text) const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return std::count_if(m_records.begin(), m_records.end(), [&](const LogRecord& record) {
+    return record.message.find(text) != std::string::npos;
+  });
+}
+
+void CapturingLogger::Clear() {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  m_records.clear();
+}
+
+LogCapture::LogCapture() : m_logger(new CapturingLogger) {
+  ResultCode result = 0;
+  m_scope.reset(new CLogScope(&result, "keeltest", m_logger));
+}
+
+LogCapture::~LogCapture() {
+  m_scope.reset();
+}
+
+namespace {
+
+std::string Drain(int fd) {
+  std::string text;
+  char buffer[65536];
+  ssize_t got;
+  while ((got = read(fd, buffer, sizeof(buffer))) > 0)
+    text.append(buffer, got);
+  return text;
+}
+
+}  // namespace
+
+CommandResult Run(const std::vector<std::string>& argv, const std::vector<std::string>& env,
+                  const std::string& cwd, bool clearEnv) {
+  CommandResult result;
+  // Output goes to temporary files so that neither pipe can fill and block.
+  char outName[] = "/tmp/keelrun.out.XXXXXX";
+  char errName[] = "/tmp/keelrun.err.XXXXXX";
+  const int outFd = mkstemp(outName);
+  const int errFd = mkstemp(errName);
+  unlink(outName);
+  unlink(errName);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    const int nullFd = open("/dev/null", O_RDONLY);
+    dup2(nullFd, 0);
+    dup2(outFd, 1);
+    dup2(errFd, 2);
+    if (!cwd.empty() && chdir(cwd.c_str()) != 0)
+      _exit(126);
+    if (clearEnv)
+      clearenv();
+    for (const std::string& entry : env)
+      putenv(strdup(entry.c_str()));
+    std::vector<char*> args;
+    for (const std::string& arg : argv)
+      args.push_back(const_cast<char*>(arg.c_str()));
+    args.push_back(nullptr);
+    execvp(args[0], args.data());
+    _exit(127);
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  lseek(outFd, 0, SEEK_SET);
+  lseek(errFd, 0, SEEK_SET);
+  result.out = Drain(outFd);
+  result.err = Drain(errFd);
+  close(outFd);
+  close(errFd);
+  return result;
+}
+
+std::string Shell(const std::string& command, int* status) {
+  CommandResult result = Run({"/bin/sh", "-c", command});
+  if (status != nullptr)
+    *status = result.status;
+  return result.out;
+}
+
+std::string BuildDir() {
+  char buffer[4096];
+  const ssize_t length = readlink("/proc/self/exe", buffer, sizeof(buffer) - 1);
+  if (length <= 0)
+    return ".";
+  std::string path(buffer, length);
+  return path.substr(0, path.rfind('/'));
+}
+
+}  // namespace keeltest

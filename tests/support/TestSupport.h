@@ -1,0 +1,100 @@
+// Helpers shared by the unit and end-to-end tests: temporary folders, files,
+// a log sink that records what it receives, and running commands.
+#ifndef TESTS_SUPPORT_TESTSUPPORT_H_
+#define TESTS_SUPPORT_TESTSUPPORT_H_
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "Common/Log/Log.h"
+
+namespace keeltest {
+
+// A fresh folder below /tmp, removed with everything in it on destruction
+// (read and execute rights are restored first, so unreadable test folders go
+// too). path() ends without "/".
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  const std::string& path() const { return m_path; }
+  // path() + "/" + relative
+  std::string Sub(const std::string& relative) const { return m_path + "/" + relative; }
+
+ private:
+  std::string m_path;
+};
+
+// Writes `content` to `path`, making parent folders; returns success.
+bool WriteFile(const std::string& path, const std::string& content);
+// The whole content of `path`, or "<missing>" if it can't be read.
+std::string ReadFile(const std::string& path);
+bool PathExists(const std::string& path);
+// Names in a folder, sorted; empty if it can't be read.
+std::vector<std::string> ListDir(const std::string& path);
+
+struct LogRecord {
+  uint32_t severity;
+  std::string message;
+  std::string name;
+  uint32_t id;
+  uint32_t level;
+};
+
+// A sink that keeps every record; thread-safe.
+class CapturingLogger : public ILogger {
+ public:
+  ResultCode Log(uint32_t severity, const char* message, const char* messageName,
+                 uint32_t messageId, uint32_t level) override;
+  std::vector<LogRecord> Records() const;
+  // True if some record's message contains `text`.
+  bool Contains(const std::string& text) const;
+  // Number of records whose message contains `text`.
+  size_t Count(const std::string& text) const;
+  void Clear();
+
+ private:
+  mutable std::mutex m_mutex;
+  std::vector<LogRecord> m_records;
+};
+
+// Opens a log scope whose sink is a CapturingLogger for the life of the
+// object. Only one may be alive at a time.
+class LogCapture {
+ public:
+  LogCapture();
+  ~LogCapture();
+  CapturingLogger& logger() { return *m_logger; }
+  bool Contains(const std::string& text) const { return m_logger->Contains(text); }
+  size_t Count(const std::string& text) const { return m_logger->Count(text); }
+
+ private:
+  CapturingLogger* m_logger;  // owned by the scope
+  std::unique_ptr<CLogScope> m_scope;
+};
+
+struct CommandResult {
+  int status = -1;  // exit status, or -1 when it did not exit normally
+  std::string out;
+  std::string err;
+};
+
+// Runs `argv` with `env` added to (or replacing, with clearEnv) the
+// environment, in `cwd` if not empty, feeding no input. Captures both streams.
+CommandResult Run(const std::vector<std::string>& argv, const std::vector<std::string>& env = {},
+                  const std::string& cwd = "", bool clearEnv = false);
+
+// Runs a shell command line and returns its standard output.
+std::string Shell(const std::string& command, int* status = nullptr);
+
+// The folder holding the test binaries (the build folder's top).
+std::string BuildDir();
+
+}  // namespace keeltest
+
+#endif  // TESTS_SUPPORT_TESTSUPPORT_H_
