@@ -8,6 +8,7 @@
 #include <sys/select.h>
 #include <sys/time.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -39,8 +40,7 @@ timeval timevalSubtract(const timeval& a, const timeval& b);
 
 // select() that restarts itself after EINTR with the time that is left. A
 // null timeout polls once (and again only after EINTR).
-int vvc_select(int nfds, fd_set* readSet, fd_set* writeSet, fd_set* exceptSet,
-               timeval* timeout);
+int vvc_select(int nfds, fd_set* readSet, fd_set* writeSet, fd_set* exceptSet, timeval* timeout);
 
 // Strings.
 
@@ -64,9 +64,9 @@ class CStringUtils {
   static int compareVersions(const std::vector<int32_t>& a, const std::vector<int32_t>& b);
   // Overwrites every byte with zero in a way the optimiser keeps, then
   // empties the string and releases its buffer. Never throws.
-  static void wipeString(std::string& text);
+  static void wipeString(std::string& text) noexcept;
   // Zeroes `size` bytes at `data` in a way the optimiser keeps.
-  static void wipeBytes(void* data, size_t size);
+  static void wipeBytes(void* data, size_t size) noexcept;
 };
 
 #endif  // COMMON_UTILITY_SYSUTILS_H_
