@@ -1,0 +1,98 @@
+// CZip: the zip archive of a folder, and the way back.
+//
+// A class of static operations over minizip and zlib; it holds no state, so
+// any thread may call it, one call on one thread. Every file is streamed in
+// blocks of kBlockSize bytes, so memory does not grow with file size.
+//
+// An archive made by Zip has one deflated entry (level 9, raw deflate with a
+// 32 KiB window) per regular file below the source folder, in the order of
+// the folder walk: each folder's entries in the directory's own order, never
+// sorted. Names are relative to the source folder with "/" between folders.
+// There are no folder entries (an empty folder is lost), and symbolic links
+// and special files are left out. Entries carry no extra fields, comments or
+// attributes; zip64 is chosen per entry by size. With a password, entries are
+// encrypted with the classic zip scheme.
+//
+// Several failures deliberately do not reach the caller: an entry that can't
+// be opened in the archive ends the walk, a file that can't be read gives an
+// empty entry, a failed write leaves the entry short, and the result is 0 in
+// all those cases (the log says what happened). Only bad arguments, an
+// archive that can't be created and an entry that can't be closed give a
+// failure.
+#ifndef COMMON_ZIP_CZIP_H_
+#define COMMON_ZIP_CZIP_H_
+
+#include <minizip/zip.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "Common/Result/ResultCode.h"
+
+class CZip {
+ public:
+  // The size of every read and write buffer.
+  static constexpr size_t kBlockSize = 16384;
+  // Files of this size or more get zip64 headers.
+  static constexpr uint64_t kLargeFileSize = 0xFFFFFFFFull;
+
+  // Archives every regular file below `source` into a new file `archive`
+  // (replaced if it exists). Entry names are the paths after `source`, with
+  // or without its trailing "/". With `recursive` clear, only the files of
+  // `source` itself are taken. A `source` that can't be opened as a folder
+  // is taken as one file, whose entry is named after its last component.
+  // GLOBAL_ERROR_BAD_PARAMETER for an empty argument or an archive that
+  // can't be created.
+  static ResultCode Zip(const std::string& source, const std::string& archive,
+                        const std::string& password, bool recursive);
+
+  // Extracts every entry of `archive` below `target` (made if missing) and
+  // appends the path of each entry (folder entries included) to `paths`.
+  // Existing files are kept with a warning unless `overwrite` is set. Takes
+  // no password. Entries whose names climb out of `target` are skipped with
+  // an error; a file that can't be written is logged and the run goes on.
+  // GLOBAL_ERROR_BAD_PARAMETER for an empty argument or an archive that
+  // minizip can't open (which includes one without entries);
+  // GLOBAL_ERROR_UNEXPECTED when an entry's header can't be read.
+  static ResultCode Unzip(const std::string& archive, const std::string& target,
+                          std::vector<std::string>& paths, bool overwrite);
+
+  // Writes `files[i]` under the entry name `names[i]`, in list order, into a
+  // new archive. An empty password writes plain entries.
+  static ResultCode createZipFile(const std::vector<std::string>& files, const std::string& archive,
+                                  const std::vector<std::string>& names,
+                                  const std::string& password);
+
+  // Appends to `list` the path of every regular file in `folder` (and below
+  // it, with `recursive`), in walk order. The type comes from the directory
+  // entry: where the filesystem reports none, nothing is listed. A path that
+  // can't be opened as a folder is appended itself, as one file.
+  static ResultCode getDirContents(std::vector<std::string>& list, const std::string& folder,
+                                   bool recursive);
+
+  // CRC-32 of the file's bytes; 0 if it can't be opened (and for an empty
+  // file).
+  static uint32_t getCrc(const std::string& path);
+
+  // Whether the file needs zip64 headers: its size is kLargeFileSize or
+  // more. False if it can't be opened.
+  static bool isLargeFile(const std::string& path);
+
+  // Makes every missing folder of the absolute `path` with mode 0777 (less
+  // the umask). False for an empty or relative path, for a prefix that
+  // exists and is not a folder, or when a folder can't be made.
+  static bool createPath(const std::string& path);
+
+  // Fills `date` from the file's modification time in local time. When the
+  // name is "-" or the file can't be examined, `date` holds the local time of
+  // the epoch and the result is false.
+  static bool getFileDate(const std::string& path, tm_zip* date);
+
+  // The external attributes of an entry: always 0, so that extraction uses
+  // the extracting side's defaults.
+  static uLong getFileAttributes(const std::string& path);
+};
+
+#endif  // COMMON_ZIP_CZIP_H_

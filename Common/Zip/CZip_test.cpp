@@ -1,0 +1,1253 @@
+#include "Common/Zip/CZip.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <grp.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "Common/Log/Log.h"
+#include "Common/Zip/ZipCrypto.h"
+#include "tests/support/TestSupport.h"
+
+namespace {
+
+using keeltest::LogCapture;
+using keeltest::ReadFile;
+using keeltest::TempDir;
+using keeltest::WriteFile;
+
+constexpr uid_t kNobody = 65534;
+// The exit status of a child that could not set up what the test needs.
+constexpr int kChildCannotSetUp = 77;
+
+// ---------------------------------------------------------------------------
+// Files and trees.
+
+// Pseudo-random log lines, the same for the same seed.
+std::string LogText(size_t size, unsigned seed) {
+  static const char* const kWords[] = {"connect", "tunnel", "retry",  "DNS",    "route",
+                                       "gateway", "closed", "opened", "ERROR",  "timeout",
+                                       "policy",  "cert",   "0x1f",   "health", "probe"};
+  std::mt19937 random(seed);
+  std::string text;
+  text.reserve(size + 64);
+  while (text.size() < size) {
+    text += "2024-03-0" + std::to_string(random() % 9 + 1) +
+            " 12:" + std::to_string(10 + random() % 50) + " [" + std::to_string(random() % 100000) +
+            "] ";
+    const unsigned words = 3 + random() % 8;
+    for (unsigned i = 0; i < words; ++i) {
+      text += kWords[random() % (sizeof(kWords) / sizeof(kWords[0]))];
+      text += ' ';
+    }
+    text += '\n';
+  }
+  text.resize(size);
+  return text;
+}
+
+std::string RandomBytes(size_t size, unsigned seed) {
+  std::mt19937 random(seed);
+  std::string bytes(size, '\0');
+  for (char& byte : bytes)
+    byte = static_cast<char>(random() & 0xFF);
+  return bytes;
+}
+
+bool MakeDir(const std::string& path, mode_t mode = 0755) {
+  return mkdir(path.c_str(), mode) == 0 && chmod(path.c_str(), mode) == 0;
+}
+
+bool MakeSparseFile(const std::string& path, off_t size) {
+  const int fd = open(path.c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0644);
+  if (fd < 0)
+    return false;
+  const bool sized = ftruncate(fd, size) == 0;
+  return close(fd) == 0 && sized;
+}
+
+// One entry as the archive should hold it.
+struct Expected {
+  std::string name;
+  std::string bytes;
+};
+
+// The regular files below `root` in the order of `find`, which walks each
+// folder in the directory's own order and descends into a folder where it
+// meets it; names relative to `root`.
+std::vector<std::string> FindOrder(const std::string& root) {
+  const keeltest::CommandResult found =
+      keeltest::Run({"find", root, "-type", "f", "-printf", "%P\\n"});
+  std::vector<std::string> names;
+  std::istringstream lines(found.out);
+  std::string line;
+  while (std::getline(lines, line))
+    names.push_back(line);
+  return names;
+}
+
+// Every regular file below `root`, in walk order, with its bytes.
+std::vector<Expected> ExpectedTree(const std::string& root) {
+  std::vector<Expected> expected;
+  for (const std::string& name : FindOrder(root))
+    expected.push_back({name, ReadFile(root + "/" + name)});
+  return expected;
+}
+
+std::vector<std::string> NamesOf(const std::vector<Expected>& entries) {
+  std::vector<std::string> names;
+  for (const Expected& entry : entries)
+    names.push_back(entry.name);
+  return names;
+}
+
+// A tree of log-like files with sizes around the 16 KiB block, an empty
+// file, a nested empty folder and enough names that the directory order is
+// not the sorted order.
+void MakeTree(const std::string& root) {
+  ASSERT_TRUE(MakeDir(root));
+  ASSERT_TRUE(WriteFile(root + "/system.log", LogText(100000, 1)));
+  ASSERT_TRUE(WriteFile(root + "/block.log", LogText(CZip::kBlockSize, 2)));
+  ASSERT_TRUE(WriteFile(root + "/two-blocks.log", LogText(2 * CZip::kBlockSize, 3)));
+  ASSERT_TRUE(WriteFile(root + "/one-more.log", LogText(CZip::kBlockSize + 1, 4)));
+  ASSERT_TRUE(WriteFile(root + "/empty.txt", ""));
+  ASSERT_TRUE(WriteFile(root + "/binary.dat", RandomBytes(40000, 5)));
+  for (int i = 0; i < 12; ++i)
+    ASSERT_TRUE(
+        WriteFile(root + "/many/file" + std::to_string(i) + ".txt", LogText(300 + i, 10 + i)));
+  ASSERT_TRUE(WriteFile(root + "/nested/deeper/deepest/leaf.txt", "leaf\n"));
+  ASSERT_TRUE(WriteFile(root + "/nested/side.txt", LogText(5000, 30)));
+  ASSERT_TRUE(MakeDir(root + "/nested/hollow"));
+  ASSERT_TRUE(MakeDir(root + "/hollow"));
+}
+
+// ---------------------------------------------------------------------------
+// What tools written elsewhere make of an archive.
+
+std::string FromHex(const std::string& hex) {
+  std::string bytes;
+  if (hex == "-")
+    return bytes;
+  for (size_t i = 0; i + 1 < hex.size(); i += 2)
+    bytes += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
+  return bytes;
+}
+
+struct PyEntry {
+  std::string name;  // the raw bytes of the name
+  std::string bytes;
+  int method = -1;
+  int flags = -1;
+  long external = -1;
+  std::string extra;
+  std::string comment;
+  std::string date;  // "Y-M-D-h-m-s"
+  unsigned long long size = 0;
+};
+
+struct PyArchive {
+  int status = -1;
+  std::string testzip;
+  std::string comment;
+  std::vector<PyEntry> entries;
+  std::string errors;
+};
+
+// Reads every entry with Python's zipfile: testzip() first, then the bytes
+// of each entry (with the password, if any).
+PyArchive ReadWithPython(const std::string& archive, const std::string& password = "") {
+  static const char kScript[] =
+      "import sys, zipfile\n"
+      "z = zipfile.ZipFile(sys.argv[1])\n"
+      "if sys.argv[2]:\n"
+      "    z.setpassword(sys.argv[2].encode())\n"
+      "print('TESTZIP', z.testzip())\n"
+      "print('COMMENT', z.comment.hex() or '-')\n"
+      "for i in z.infolist():\n"
+      "    raw = i.filename.encode('utf-8' if i.flag_bits & 0x800 else 'cp437')\n"
+      "    data = z.read(i)\n"
+      "    print('ENTRY', raw.hex(), data.hex() or '-', i.compress_type, i.flag_bits,\n"
+      "          i.external_attr, i.extra.hex() or '-', i.comment.hex() or '-',\n"
+      "          '%d-%d-%d-%d-%d-%d' % i.date_time, i.file_size)\n";
+  const keeltest::CommandResult ran = keeltest::Run({"python3", "-c", kScript, archive, password});
+  PyArchive result;
+  result.status = ran.status;
+  result.errors = ran.err;
+  std::istringstream lines(ran.out);
+  std::string line;
+  while (std::getline(lines, line)) {
+    std::istringstream fields(line);
+    std::string kind;
+    fields >> kind;
+    if (kind == "TESTZIP") {
+      fields >> result.testzip;
+    } else if (kind == "COMMENT") {
+      std::string hex;
+      fields >> hex;
+      result.comment = FromHex(hex);
+    } else if (kind == "ENTRY") {
+      PyEntry entry;
+      std::string name, bytes, extra, comment;
+      fields >> name >> bytes >> entry.method >> entry.flags >> entry.external >> extra >>
+          comment >> entry.date >> entry.size;
+      entry.name = FromHex(name);
+      entry.bytes = FromHex(bytes);
+      entry.extra = FromHex(extra);
+      entry.comment = FromHex(comment);
+      result.entries.push_back(entry);
+    }
+  }
+  return result;
+}
+
+struct ZipinfoListing {
+  int status = -1;
+  std::string out;
+  std::vector<std::string> names;    // from `zipinfo -1`
+  std::vector<std::string> methods;  // the method column of `zipinfo`
+  std::vector<std::string> columns;  // the text/binary and encryption column
+};
+
+ZipinfoListing ReadWithZipinfo(const std::string& archive) {
+  ZipinfoListing listing;
+  const keeltest::CommandResult full = keeltest::Run({"zipinfo", archive});
+  listing.status = full.status;
+  listing.out = full.out + full.err;
+  std::istringstream lines(full.out);
+  std::string line;
+  // Entry lines start with the permission column, e.g. "-rw----".
+  while (std::getline(lines, line)) {
+    if (line.empty() || (line[0] != '-' && line[0] != '?'))
+      continue;
+    std::istringstream fields(line);
+    std::string permissions, version, system, size, kind, method;
+    fields >> permissions >> version >> system >> size >> kind >> method;
+    listing.columns.push_back(kind);
+    listing.methods.push_back(method);
+  }
+  const keeltest::CommandResult names = keeltest::Run({"zipinfo", "-1", archive});
+  // An archive without entries gives status 1 and a remark instead of names.
+  std::istringstream nameLines(names.status == 0 ? names.out : "");
+  while (std::getline(nameLines, line))
+    listing.names.push_back(line);
+  return listing;
+}
+
+bool IsPrintableAscii(const std::string& text) {
+  for (const char c : text) {
+    if (c < 0x20 || c > 0x7E)
+      return false;
+  }
+  return true;
+}
+
+// Checks `archive` with unzip -t, zipinfo and Python's zipfile: it holds
+// exactly `expected`, in that order, all deflated at the best level, with no
+// folder entries, attributes, extra fields or comments.
+void ExpectArchiveHolds(const std::string& archive, const std::vector<Expected>& expected,
+                        const std::string& password = "") {
+  SCOPED_TRACE("archive " + archive);
+  std::vector<std::string> test{"unzip", "-t"};
+  if (!password.empty()) {
+    test.push_back("-P");
+    test.push_back(password);
+  }
+  test.push_back(archive);
+  const keeltest::CommandResult tested = keeltest::Run(test);
+  if (expected.empty()) {
+    EXPECT_EQ(tested.status, 1) << tested.out << tested.err;
+    EXPECT_NE((tested.out + tested.err).find("zipfile is empty"), std::string::npos)
+        << tested.out << tested.err;
+  } else {
+    EXPECT_EQ(tested.status, 0) << tested.out << tested.err;
+    EXPECT_NE(tested.out.find("No errors detected"), std::string::npos) << tested.out;
+  }
+
+  const ZipinfoListing listing = ReadWithZipinfo(archive);
+  EXPECT_NE(listing.out.find("number of entries: " + std::to_string(expected.size()) + "\n"),
+            std::string::npos)
+      << listing.out;
+  EXPECT_EQ(listing.methods.size(), expected.size()) << listing.out;
+  for (const std::string& method : listing.methods)
+    EXPECT_EQ(method, "defX") << listing.out;
+  bool ascii = true;
+  for (const Expected& entry : expected)
+    ascii = ascii && IsPrintableAscii(entry.name);
+  if (ascii) {
+    EXPECT_EQ(listing.names, NamesOf(expected));
+  }
+  for (const std::string& name : listing.names)
+    EXPECT_NE(name.back(), '/') << "folder entry " << name;
+
+  const PyArchive py = ReadWithPython(archive, password);
+  ASSERT_EQ(py.status, 0) << py.errors;
+  EXPECT_EQ(py.testzip, "None");
+  EXPECT_EQ(py.comment, "");
+  ASSERT_EQ(py.entries.size(), expected.size());
+  for (size_t i = 0; i < expected.size(); ++i) {
+    const PyEntry& entry = py.entries[i];
+    SCOPED_TRACE("entry " + expected[i].name);
+    EXPECT_EQ(entry.name, expected[i].name);
+    EXPECT_TRUE(entry.bytes == expected[i].bytes)
+        << "bytes differ: " << entry.bytes.size() << " read, " << expected[i].bytes.size()
+        << " expected";
+    EXPECT_EQ(entry.size, expected[i].bytes.size());
+    EXPECT_EQ(entry.method, 8);
+    EXPECT_EQ(entry.flags & 0x6, 0x2) << "not marked as best compression";
+    EXPECT_EQ(entry.flags & 0x8, 0) << "data descriptor";
+    EXPECT_EQ(entry.external, 0);
+    EXPECT_EQ(entry.extra, "");
+    EXPECT_EQ(entry.comment, "");
+  }
+}
+
+// ---------------------------------------------------------------------------
+// Logs.
+
+// Whether a record of `level` ends with the line `text`.
+bool HasMessage(LogCapture& capture, uint32_t level, const std::string& text) {
+  for (const keeltest::LogRecord& record : capture.logger().Records()) {
+    const std::string& message = record.message;
+    const std::string tail = "\n" + text;
+    if (record.level == level && message.size() >= tail.size() &&
+        message.compare(message.size() - tail.size(), tail.size(), tail) == 0)
+      return true;
+  }
+  return false;
+}
+
+// Whether an error-level record names `invoked` with `code`.
+bool HasReturnCode(LogCapture& capture, const std::string& invoked, ResultCode code) {
+  char number[64];
+  snprintf(number, sizeof(number), "\nReturn Code: %d (0x%.8X)\n", static_cast<int>(code), code);
+  const std::string text = "\nInvoked Function: " + invoked + number;
+  for (const keeltest::LogRecord& record : capture.logger().Records()) {
+    if (record.level == LOG_LEVEL_E && record.message.find(text) != std::string::npos)
+      return true;
+  }
+  return false;
+}
+
+// ---------------------------------------------------------------------------
+// Children with other rights.
+
+int WaitFor(pid_t pid) {
+  int status = 0;
+  if (waitpid(pid, &status, 0) != pid)
+    return -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+// Runs `body` in a child process as user and group 65534, so that file
+// rights apply (root reads anything). Returns its exit status;
+// kChildCannotSetUp when the identity could not be taken.
+int RunAsNobody(const std::function<int()>& body) {
+  fflush(nullptr);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    if (setgroups(0, nullptr) != 0 || setgid(kNobody) != 0 || setuid(kNobody) != 0)
+      _exit(kChildCannotSetUp);
+    _exit(body());
+  }
+  return pid < 0 ? -1 : WaitFor(pid);
+}
+
+// Runs `body` in a child process with a private mount namespace, so that
+// what it mounts goes away with it.
+int RunWithPrivateMounts(const std::function<int()>& body) {
+  fflush(nullptr);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    if (unshare(CLONE_NEWNS) != 0 ||
+        mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+      _exit(kChildCannotSetUp);
+    _exit(body());
+  }
+  return pid < 0 ? -1 : WaitFor(pid);
+}
+
+long PeakResidentKiB() {
+  struct rusage usage;
+  getrusage(RUSAGE_SELF, &usage);
+  return usage.ru_maxrss;
+}
+
+// ===========================================================================
+// Zip: entries, names and order.
+
+TEST(CZip, EntriesFollowTheFolderWalkAndHoldTheFileBytes) {
+  TempDir tmp;
+  const std::string source = tmp.Sub("work");
+  ASSERT_NO_FATAL_FAILURE(MakeTree(source));
+  const std::vector<Expected> expected = ExpectedTree(source);
+  ASSERT_EQ(expected.size(), 20u);
+  // The walk order is the directory's, which here is not the sorted one, so
+  // an archive in sorted order would fail below.
+  std::vector<std::string> sorted = NamesOf(expected);
+  std::sort(sorted.begin(), sorted.end());
+  ASSERT_NE(NamesOf(expected), sorted);
+
+  const std::string archive = tmp.Sub("bundle.zip");
+  EXPECT_EQ(CZip::Zip(source, archive, "", true), 0u);
+  ExpectArchiveHolds(archive, expected);
+}
+
+TEST(CZip, GetDirContentsListsFilesInDirectoryOrderAndDescendsWhereItMeetsAFolder) {
+  TempDir tmp;
+  const std::string source = tmp.Sub("work");
+  ASSERT_NO_FATAL_FAILURE(MakeTree(source));
+  std::vector<std::string> listed;
+  EXPECT_EQ(CZip::getDirContents(listed, source, true), 0u);
+  std::vector<std::string> expected;
+  for (const std::string& name : FindOrder(source))
+    expected.push_back(source + "/" + name);
+  EXPECT_EQ(listed, expected);
+
+  // The list is appended to, never cleared.
+  std::vector<std::string> appended{"first"};
+  EXPECT_EQ(CZip::getDirContents(appended, source + "/nested/", true), 0u);
+  std::vector<std::string> nested{"first"};
+  for (const std::string& name : FindOrder(source + "/nested"))
+    nested.push_back(source + "/nested/" + name);
+  ASSERT_EQ(nested.size(), 3u);
+  EXPECT_EQ(appended, nested);
+}
+
+TEST(CZip, SourceWithAndWithoutTrailingSlashGiveTheSameNames) {
+  TempDir tmp;
+  const std::string source = tmp.Sub("work");
+  ASSERT_NO_FATAL_FAILURE(MakeTree(source));
+  const std::vector<Expected> expected = ExpectedTree(source);
+  EXPECT_EQ(CZip::Zip(source, tmp.Sub("plain.zip"), "", true), 0u);
+  EXPECT_EQ(CZip::Zip(source + "/", tmp.Sub("slash.zip"), "", true), 0u);
+  ExpectArchiveHolds(tmp.Sub("plain.zip"), expected);
+  ExpectArchiveHolds(tmp.Sub("slash.zip"), expected);
+  EXPECT_EQ(ReadWithZipinfo(tmp.Sub("plain.zip")).names,
+            ReadWithZipinfo(tmp.Sub("slash.zip")).names);
+}
+
+TEST(CZip, FolderWithoutRegularFilesGivesAValidArchiveWithNoEntries) {
+  TempDir tmp;
+  const std::string source = tmp.Sub("work");
+  ASSERT_TRUE(MakeDir(source));
+  ASSERT_TRUE(MakeDir(source + "/a"));
+  ASSERT_TRUE(MakeDir(source + "/a/b"));
+  ASSERT_TRUE(MakeDir(source + "/c"));
+  ASSERT_EQ(symlink("/nonexistent", (source + "/dangling").c_str()), 0);
+  const std::string archive = tmp.Sub("empty.zip");
+  EXPECT_EQ(CZip::Zip(source, archive, "", true), 0u);
+  ASSERT_TRUE(keeltest::PathExists(archive));
+  ExpectArchiveHolds(archive, {});
+  EXPECT_NE(ReadWithZipinfo(archive).out.find("Empty zipfile."), std::string::npos);
+}
+
+TEST(CZip, SymbolicLinksAndSpecialFilesDoNotReachTheArchive) {
+  TempDir tmp;
+  const std::string source = tmp.Sub("work");
+  const std::string outside = tmp.Sub("outside");
+  ASSERT_TRUE(WriteFile(source + "/real.txt", "real\n"));
+  ASSERT_TRUE(WriteFile(outside + "/target.txt", "outside\n"));
+  ASSERT_TRUE(WriteFile(source + "/sub/inner.txt", "inner\n"));
+  ASSERT_EQ(symlink((source + "/real.txt").c_str(), (source + "/link-to-file").c_str()), 0);
+  ASSERT_EQ(symlink(outside.c_str(), (source + "/link-to-folder").c_str()), 0);
+  ASSERT_EQ(symlink("real.txt", (source + "/sub/relative-link").c_str()), 0);
+  ASSERT_EQ(mkfifo((source + "/pipe").c_str(), 0644), 0);
+
+  const std::string archive = tmp.Sub("bundle.zip");
+  EXPECT_EQ(CZip::Zip(source, archive, "", true), 0u);
+  const std::vector<Expected> expected = ExpectedTree(source);  // find -type f: no links
+  ASSERT_EQ(expected.size(), 2u);
+  ExpectArchiveHolds(archive, expected);
+}
+
+TEST(CZip, WithoutRecursionOnlyTheFilesOfTheSourceAreTaken) {
+  TempDir tmp;
+  const std::string source = tmp.Sub("work");
+  ASSERT_NO_FATAL_FAILURE(MakeTree(source));
+  const std::string archive = tmp.Sub("flat.zip");
+  EXPECT_EQ(CZip::Zip(source, archive, "", false), 0u);
+  std::vector<Expected> expected;
+  for (const Expected& entry : ExpectedTree(source)) {
+    if (entry.name.find('/') == std::string::npos)
+      expected.push_back(entry);
+  }
+  ASSERT_EQ(expected.size(), 6u);
+  ExpectArchiveHolds(archive, expected);
+}
+
+TEST(CZip, NamesWithBlanksAndNonAsciiBytesAreKeptByteForByte) {
+  TempDir tmp;
+  const std::string source = tmp.Sub("work");
+  ASSERT_TRUE(MakeDir(source));
+  const std::vector<std::string> names = {
+      "with blank.txt",
+      "caf\xC3\xA9 cr\xC3\xA8me.log",             // UTF-8
+      "raw\xE9\xFF byte.bin",                     // not UTF-8
+      "sub folder/\xE6\x97\xA5\xE6\x9C\xAC.txt",  // UTF-8 below a blank
+      "  leading and trailing  ",
+  };
+  for (size_t i = 0; i < names.size(); ++i)
+    ASSERT_TRUE(WriteFile(source + "/" + names[i], LogText(100 + i, 40 + i)));
+  const std::string archive = tmp.Sub("names.zip");
+  EXPECT_EQ(CZip::Zip(source, archive, "", true), 0u);
+  const std::vector<Expected> expected = ExpectedTree(source);
+  ASSERT_EQ(expected.size(), names.size());
+  ExpectArchiveHolds(archive, expected);
+
+  // And they come back under the same names.
+  std::vector<std::string> paths;
+  EXPECT_EQ(CZip::Unzip(archive, tmp.Sub("back"), paths, false), 0u);
+  for (const std::string& name : names)
+    EXPECT_EQ(ReadFile(tmp.Sub("back/" + name)), ReadFile(source + "/" + name)) << name;
+}
+
+TEST(CZip, ExistingArchiveIsReplaced) {
+  TempDir tmp;
+  const std::string source = tmp.Sub("work");
+  ASSERT_TRUE(WriteFile(source + "/only.txt", "only\n"));
+  const std::string archive = tmp.Sub("bundle.zip");
+  ASSERT_TRUE(WriteFile(archive, RandomBytes(100000, 7)));
+  EXPECT_EQ(CZip::Zip(source, archive, "", true), 0u);
+  ExpectArchiveHolds(archive, {{"only.txt", "only\n"}});
+}
+
+TEST(CZip, ArchiveInsideTheSourceIsNotReadIntoItself) {
+  TempDir tmp;
+  const std::string source = tmp.Sub("work");
+  ASSERT_TRUE(WriteFile(source + "/a.txt", LogText(50000, 8)));
+  ASSERT_TRUE(WriteFile(source + "/b.txt", LogText(50000, 9)));
+  const std::string archive = source + "/bundle.zip";
+  // An old archive of that name is listed by the walk, and then rewritten.
+  ASSERT_TRUE(WriteFile(archive, RandomBytes(200000, 10)));
+  LogCapture capture;
+  EXPECT_EQ(CZip::Zip(source, archive, "", true), 0u);
+  EXPECT_TRUE(HasMessage(capture, LOG_LEVEL_W,
+                         "Skipping " + archive + ", because it is the archive being written."));
+  std::vector<Expected> expected;
+  for (const std::string& name : FindOrder(source)) {
+    if (name != "bundle.zip")
+      expected.push_back({name, ReadFile(source + "/" + name)});
+  }
+  ASSERT_EQ(expected.size(), 2u);
+  ExpectArchiveHolds(archive, expected);
+}
+
+TEST(CZip, SourceThatIsAFileGivesOneEntryNamedAfterIt) {
+  TempDir tmp;
+  const std::string file = tmp.Sub("single.log");
+  ASSERT_TRUE(WriteFile(file, LogText(30000, 11)));
+  const std::string archive = tmp.Sub("single.zip");
+  EXPECT_EQ(CZip::Zip(file, archive, "", true), 0u);
+  ExpectArchiveHolds(archive, {{"single.log", ReadFile(file)}});
+}
+
+TEST(CZip, MissingSourceGivesOneEmptyEntryWithWarnings) {
+  TempDir tmp;
+  const std::string missing = tmp.Sub("no-such-folder");
+  const std::string archive = tmp.Sub("missing.zip");
+  LogCapture capture;
+  EXPECT_EQ(CZip::Zip(missing, archive, "", true), 0u);
+  EXPECT_TRUE(HasMessage(capture, LOG_LEVEL_W, "Failed to get file time attributes."));
+  EXPECT_TRUE(HasMessage(capture, LOG_LEVEL_E, "Could not open " + missing));
+  ExpectArchiveHolds(archive, {{"no-such-folder", ""}});
+}
+
+TEST(CZip, EmptyArgumentsAreRejectedWithoutAnArchive) {
+  TempDir tmp;
+  ASSERT_TRUE(WriteFile(tmp.Sub("work/a.txt"), "a"));
+  LogCapture capture;
+  EXPECT_EQ(CZip::Zip("", tmp.Sub("x.zip"), "", true), GLOBAL_ERROR_BAD_PARAMETER);
+  EXPECT_EQ(CZip::Zip(tmp.Sub("work"), "", "", true), GLOBAL_ERROR_BAD_PARAMETER);
+  EXPECT_EQ(capture.Count("\nBad parameter(s), parameter(s) is equal to NULL."), 2u);
+  EXPECT_TRUE(HasMessage(capture, LOG_LEVEL_E, "Bad parameter(s), parameter(s) is equal to NULL."));
+  EXPECT_FALSE(keeltest::PathExists(tmp.Sub("x.zip")));
+
+  // An empty folder would otherwise mean the root of the filesystem.
+  std::vector<std::string> listed;
+  EXPECT_EQ(CZip::getDirContents(listed, "", true), GLOBAL_ERROR_BAD_PARAMETER);
+  EXPECT_TRUE(listed.empty());
+}
+
+TEST(CZip, ArchiveInAMissingFolderFailsWithBadParameter) {
+  TempDir tmp;
+  ASSERT_TRUE(WriteFile(tmp.Sub("work/a.txt"), "a"));
+  LogCapture capture;
+  EXPECT_EQ(CZip::Zip(tmp.Sub("work"), tmp.Sub("missing/bundle.zip"), "", true),
+            GLOBAL_ERROR_BAD_PARAMETER);
+  EXPECT_TRUE(HasReturnCode(capture, "zipOpen64", GLOBAL_ERROR_BAD_PARAMETER));
+  EXPECT_TRUE(HasReturnCode(capture, "CZip::createZipFile", GLOBAL_ERROR_BAD_PARAMETER));
+  EXPECT_FALSE(keeltest::PathExists(tmp.Sub("missing")));
+}
+
+TEST(CZip, ArchiveInAFolderWithoutWriteRightsFailsWithBadParameter) {
+  TempDir tmp;
+  ASSERT_EQ(chmod(tmp.path().c_str(), 0755), 0);
+  const std::string source = tmp.Sub("work");
+  ASSERT_TRUE(MakeDir(source));
+  ASSERT_TRUE(WriteFile(source + "/a.txt", "a"));
+  ASSERT_EQ(chmod((source + "/a.txt").c_str(), 0644), 0);
+  const std::string locked = tmp.Sub("locked");
+  ASSERT_TRUE(MakeDir(locked, 0755));  // root's; others may not write
+  const std::string archive = locked + "/bundle.zip";
+  LogCapture capture;
+  const int status = RunAsNobody([&] {
+    if (access(locked.c_str(), W_OK) == 0)
+      return kChildCannotSetUp;
+    if (CZip::Zip(source, archive, "", true) != GLOBAL_ERROR_BAD_PARAMETER)
+      return 1;
+    if (!HasReturnCode(capture, "zipOpen64", GLOBAL_ERROR_BAD_PARAMETER))
+      return 2;
+    if (!HasReturnCode(capture, "CZip::createZipFile", GLOBAL_ERROR_BAD_PARAMETER))
+      return 3;
+    return 0;
+  });
+  if (status == kChildCannotSetUp)
+    GTEST_SKIP() << "can't run a child without root rights here";
+  EXPECT_EQ(status, 0);
+  EXPECT_FALSE(keeltest::PathExists(archive));
+}
+
+TEST(CZip, UnreadableFileGivesAnEmptyEntryAndTheArchiveIsStillMade) {
+  TempDir tmp;
+  ASSERT_EQ(chmod(tmp.path().c_str(), 0755), 0);
+  const std::string source = tmp.Sub("work");
+  ASSERT_NO_FATAL_FAILURE(MakeTree(source));
+  const std::string locked = source + "/nested/locked.log";
+  ASSERT_TRUE(WriteFile(locked, LogText(20000, 12)));
+  ASSERT_EQ(keeltest::Run({"chmod", "-R", "a+rX", source}).status, 0);
+  ASSERT_EQ(chmod(locked.c_str(), 0600), 0);
+  const std::string out = tmp.Sub("out");
+  ASSERT_TRUE(MakeDir(out, 0777));
+  const std::string archive = out + "/bundle.zip";
+  LogCapture capture;
+  const int status = RunAsNobody([&] {
+    if (access(locked.c_str(), R_OK) == 0)
+      return kChildCannotSetUp;
+    if (CZip::Zip(source, archive, "", true) != 0)
+      return 1;
+    if (!HasMessage(capture, LOG_LEVEL_E, "Could not open " + locked))
+      return 2;
+    return 0;
+  });
+  if (status == kChildCannotSetUp)
+    GTEST_SKIP() << "can't make a file unreadable here";
+  ASSERT_EQ(status, 0);
+
+  std::vector<Expected> expected = ExpectedTree(source);
+  bool seen = false;
+  for (Expected& entry : expected) {
+    if (entry.name == "nested/locked.log") {
+      entry.bytes.clear();
+      seen = true;
+    }
+  }
+  ASSERT_TRUE(seen);
+  ExpectArchiveHolds(archive, expected);
+}
+
+TEST(CZip, FullDiskWhileClosingAnEntryFailsTheRun) {
+  TempDir tmp;
+  const std::string source = tmp.Sub("work");
+  ASSERT_TRUE(WriteFile(source + "/noise.bin", RandomBytes(1 << 20, 13)));
+  const std::string small = tmp.Sub("small");
+  ASSERT_TRUE(MakeDir(small));
+  LogCapture capture;
+  const int status = RunWithPrivateMounts([&] {
+    if (mount("tmpfs", small.c_str(), "tmpfs", 0, "size=64k") != 0)
+      return kChildCannotSetUp;
+    if (CZip::Zip(source, small + "/bundle.zip", "", true) != GLOBAL_ERROR_UNEXPECTED)
+      return 1;
+    if (!HasReturnCode(capture, "zipCloseFileInZip", static_cast<ResultCode>(-1)))
+      return 2;
+    if (!HasReturnCode(capture, "CZip::createZipFile", GLOBAL_ERROR_UNEXPECTED))
+      return 3;
+    return 0;
+  });
+  if (status == kChildCannotSetUp)
+    GTEST_SKIP() << "can't mount a small filesystem here";
+  EXPECT_EQ(status, 0);
+}
+
+TEST(CZip, FullDiskWithAPasswordAlsoFailsTheRun) {
+  TempDir tmp;
+  const std::string source = tmp.Sub("work");
+  ASSERT_TRUE(WriteFile(source + "/noise.bin", RandomBytes(1 << 20, 14)));
+  const std::string small = tmp.Sub("small");
+  ASSERT_TRUE(MakeDir(small));
+  LogCapture capture;
+  const int status = RunWithPrivateMounts([&] {
+    if (mount("tmpfs", small.c_str(), "tmpfs", 0, "size=64k") != 0)
+      return kChildCannotSetUp;
+    if (CZip::Zip(source, small + "/bundle.zip", "pw", true) != GLOBAL_ERROR_UNEXPECTED)
+      return 1;
+    if (!HasReturnCode(capture, "CZip::createZipFile", GLOBAL_ERROR_UNEXPECTED))
+      return 2;
+    return 0;
+  });
+  if (status == kChildCannotSetUp)
+    GTEST_SKIP() << "can't mount a small filesystem here";
+  EXPECT_EQ(status, 0);
+}
+
+TEST(CZip, LargeFileIsStreamedInBoundedMemory) {
+  TempDir tmp;
+  const std::string source = tmp.Sub("work");
+  ASSERT_TRUE(MakeDir(source));
+  const off_t size = 96 << 20;
+  ASSERT_TRUE(MakeSparseFile(source + "/zeros.bin", size));
+  ASSERT_TRUE(WriteFile(source + "/tail.txt", "tail\n"));
+  const long before = PeakResidentKiB();
+  const std::string archive = tmp.Sub("big.zip");
+  EXPECT_EQ(CZip::Zip(source, archive, "", true), 0u);
+  const long grown = PeakResidentKiB() - before;
+  EXPECT_LT(grown, 16 * 1024) << "peak resident size grew by " << grown << " KiB";
+
+  const keeltest::CommandResult tested = keeltest::Run({"unzip", "-t", archive});
+  EXPECT_EQ(tested.status, 0) << tested.out;
+  const std::string script =
+      "import sys, zipfile\n"
+      "z = zipfile.ZipFile(sys.argv[1])\n"
+      "print(z.testzip())\n"
+      "for i in z.infolist():\n"
+      "    n = 0\n"
+      "    zeros = True\n"
+      "    with z.open(i) as f:\n"
+      "        while True:\n"
+      "            b = f.read(1 << 20)\n"
+      "            if not b: break\n"
+      "            n += len(b)\n"
+      "            zeros = zeros and b.count(0) == len(b)\n"
+      "    print(i.filename, n, zeros, i.compress_type)\n";
+  const keeltest::CommandResult py = keeltest::Run({"python3", "-c", script, archive});
+  const std::vector<std::string> walk = FindOrder(source);
+  ASSERT_EQ(walk.size(), 2u);
+  std::string expected = "None\n";
+  for (const std::string& name : walk) {
+    expected += name == "zeros.bin" ? "zeros.bin " + std::to_string(size) + " True 8\n"
+                                    : "tail.txt 5 False 8\n";
+  }
+  EXPECT_EQ(py.out, expected) << py.err;
+}
+
+// ===========================================================================
+// Entry dates.
+
+TEST(CZip, EntryDateIsTheModificationTimeInLocalTime) {
+  TempDir tmp;
+  const std::string source = tmp.Sub("work");
+  ASSERT_TRUE(WriteFile(source + "/dated.txt", "dated\n"));
+  // An even second: the archive keeps two-second steps.
+  const time_t when = 1700000000;  // 2023-11-14 22:13:20 UTC
+  struct timeval times[2] = {{when, 0}, {when, 0}};
+  ASSERT_EQ(utimes((source + "/dated.txt").c_str(), times), 0);
+
+  tm_zip date;
+  memset(&date, 0xAB, sizeof(date));
+  EXPECT_TRUE(CZip::getFileDate(source + "/dated.txt", &date));
+  struct tm local;
+  ASSERT_NE(localtime_r(&when, &local), nullptr);
+  EXPECT_EQ(date.tm_sec, static_cast<uInt>(local.tm_sec));
+  EXPECT_EQ(date.tm_min, static_cast<uInt>(local.tm_min));
+  EXPECT_EQ(date.tm_hour, static_cast<uInt>(local.tm_hour));
+  EXPECT_EQ(date.tm_mday, static_cast<uInt>(local.tm_mday));
+  EXPECT_EQ(date.tm_mon, static_cast<uInt>(local.tm_mon));    // 0-based, as localtime gives it
+  EXPECT_EQ(date.tm_year, static_cast<uInt>(local.tm_year));  // years since 1900, likewise
+
+  const std::string archive = tmp.Sub("dated.zip");
+  LogCapture capture;
+  EXPECT_EQ(CZip::Zip(source, archive, "", true), 0u);
+  EXPECT_EQ(capture.Count("Failed to get file time attributes."), 0u);
+  ExpectArchiveHolds(archive, {{"dated.txt", "dated\n"}});
+  const PyArchive py = ReadWithPython(archive);
+  ASSERT_EQ(py.entries.size(), 1u);
+  char expected[64];
+  snprintf(expected, sizeof(expected), "%d-%d-%d-%d-%d-%d", local.tm_year + 1900, local.tm_mon + 1,
+           local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
+  EXPECT_EQ(py.entries[0].date, expected);
+}
+
+TEST(CZip, DateOfAFileThatCannotBeExaminedIsTheEpochInLocalTime) {
+  const time_t epoch = 0;
+  struct tm local;
+  ASSERT_NE(localtime_r(&epoch, &local), nullptr);
+  for (const std::string& path : {std::string("/nonexistent/keel/file"), std::string("-")}) {
+    SCOPED_TRACE(path);
+    tm_zip date;
+    memset(&date, 0xAB, sizeof(date));
+    EXPECT_FALSE(CZip::getFileDate(path, &date));
+    EXPECT_EQ(date.tm_sec, static_cast<uInt>(local.tm_sec));
+    EXPECT_EQ(date.tm_min, static_cast<uInt>(local.tm_min));
+    EXPECT_EQ(date.tm_hour, static_cast<uInt>(local.tm_hour));
+    EXPECT_EQ(date.tm_mday, static_cast<uInt>(local.tm_mday));
+    EXPECT_EQ(date.tm_mon, static_cast<uInt>(local.tm_mon));
+    EXPECT_EQ(date.tm_year, static_cast<uInt>(local.tm_year));
+  }
+}
+
+TEST(CZip, ListedFileThatIsGoneGivesAWarningAndAnEmptyEntry) {
+  TempDir tmp;
+  ASSERT_TRUE(WriteFile(tmp.Sub("here.txt"), "here\n"));
+  const std::string gone = tmp.Sub("gone.txt");
+  const std::string archive = tmp.Sub("list.zip");
+  LogCapture capture;
+  EXPECT_EQ(CZip::createZipFile({tmp.Sub("here.txt"), gone}, archive, {"here.txt", "gone.txt"}, ""),
+            0u);
+  EXPECT_EQ(capture.Count("\nFailed to get file time attributes."), 1u);
+  EXPECT_TRUE(HasMessage(capture, LOG_LEVEL_W, "Failed to get file time attributes."));
+  EXPECT_TRUE(HasMessage(capture, LOG_LEVEL_E, "Could not open " + gone));
+  ExpectArchiveHolds(archive, {{"here.txt", "here\n"}, {"gone.txt", ""}});
+}
+
+// ===========================================================================
+// createZipFile with its own names.
+
+TEST(CZip, CreateZipFileWritesTheGivenNamesInListOrder) {
+  TempDir tmp;
+  ASSERT_TRUE(WriteFile(tmp.Sub("one"), "1"));
+  ASSERT_TRUE(WriteFile(tmp.Sub("two"), LogText(70000, 15)));
+  const std::string archive = tmp.Sub("named.zip");
+  EXPECT_EQ(CZip::createZipFile({tmp.Sub("two"), tmp.Sub("one"), tmp.Sub("two")}, archive,
+                                {"z/second copy.log", "a.txt", "b/two.log"}, ""),
+            0u);
+  ExpectArchiveHolds(archive, {{"z/second copy.log", ReadFile(tmp.Sub("two"))},
+                               {"a.txt", "1"},
+                               {"b/two.log", ReadFile(tmp.Sub("two"))}});
+}
+
+TEST(CZip, CreateZipFileRejectsListsOfDifferentLengths) {
+  TempDir tmp;
+  ASSERT_TRUE(WriteFile(tmp.Sub("one"), "1"));
+  LogCapture capture;
+  EXPECT_EQ(CZip::createZipFile({tmp.Sub("one")}, tmp.Sub("x.zip"), {}, ""),
+            GLOBAL_ERROR_BAD_PARAMETER);
+  EXPECT_TRUE(HasMessage(capture, LOG_LEVEL_E,
+                         "The lists of files (1) and entry names (0) differ in length."));
+  EXPECT_FALSE(keeltest::PathExists(tmp.Sub("x.zip")));
+}
+
+// ===========================================================================
+// Passwords.
+
+TEST(CZip, WithAPasswordAnEmptyFileHasCrcZeroAndIsStoredUnencrypted) {
+  TempDir tmp;
+  const std::string source = tmp.Sub("work");
+  ASSERT_NO_FATAL_FAILURE(MakeTree(source));
+  EXPECT_EQ(CZip::getCrc(source + "/empty.txt"), 0u);
+  const std::string archive = tmp.Sub("secret.zip");
+  EXPECT_EQ(CZip::Zip(source, archive, "s3cret pass", true), 0u);
+  const std::vector<Expected> expected = ExpectedTree(source);
+  ExpectArchiveHolds(archive, expected, "s3cret pass");
+
+  const PyArchive py = ReadWithPython(archive, "s3cret pass");
+  ASSERT_EQ(py.entries.size(), expected.size());
+  for (const PyEntry& entry : py.entries) {
+    const bool encrypted = (entry.flags & 1) != 0;
+    EXPECT_EQ(encrypted, !entry.bytes.empty()) << entry.name;
+  }
+  // zipinfo marks encrypted entries with a capital letter.
+  const ZipinfoListing listing = ReadWithZipinfo(archive);
+  ASSERT_EQ(listing.columns.size(), expected.size());
+  for (size_t i = 0; i < expected.size(); ++i) {
+    const char mark = listing.columns[i][0];
+    EXPECT_EQ(mark == 'T' || mark == 'B', !expected[i].bytes.empty()) << expected[i].name;
+  }
+}
+
+TEST(CZip, WrongPasswordIsRefusedByOtherTools) {
+  TempDir tmp;
+  ASSERT_TRUE(WriteFile(tmp.Sub("work/data.log"), LogText(50000, 16)));
+  ASSERT_TRUE(WriteFile(tmp.Sub("work/empty.txt"), ""));
+  const std::string archive = tmp.Sub("secret.zip");
+  EXPECT_EQ(CZip::Zip(tmp.Sub("work"), archive, "right", true), 0u);
+  ExpectArchiveHolds(archive, ExpectedTree(tmp.Sub("work")), "right");
+  const keeltest::CommandResult wrong = keeltest::Run({"unzip", "-P", "wrong", "-t", archive});
+  EXPECT_NE(wrong.status, 0);
+  EXPECT_NE(wrong.out.find("data.log"), std::string::npos);
+  EXPECT_NE(wrong.out.find("incorrect password"), std::string::npos) << wrong.out;
+  const keeltest::CommandResult extracted =
+      keeltest::Run({"unzip", "-P", "right", "-d", tmp.Sub("extracted"), archive});
+  EXPECT_EQ(extracted.status, 0) << extracted.out << extracted.err;
+  EXPECT_EQ(ReadFile(tmp.Sub("extracted/data.log")), ReadFile(tmp.Sub("work/data.log")));
+}
+
+TEST(CZip, ZipCryptoHeaderCarriesTheCrcAndDecryptsBack) {
+  const unsigned char random[CZipCrypto::kRandomSize] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10};
+  unsigned char header[CZipCrypto::kHeaderSize];
+  CZipCrypto writer("password");
+  writer.makeHeader(0xCBF43926u, random, header);
+  unsigned char data[] = "123456789";
+  writer.encrypt(data, 9);
+  EXPECT_NE(memcmp(data, "123456789", 9), 0);
+
+  CZipCrypto reader("password");
+  reader.decrypt(header, sizeof(header));
+  EXPECT_EQ(memcmp(header, random, sizeof(random)), 0);
+  EXPECT_EQ(header[10], 0xF4);
+  EXPECT_EQ(header[11], 0xCB);
+  reader.decrypt(data, 9);
+  EXPECT_EQ(memcmp(data, "123456789", 9), 0);
+}
+
+// ===========================================================================
+// getCrc and isLargeFile.
+
+TEST(CZip, GetCrcMatchesCrc32AcrossBlocks) {
+  TempDir tmp;
+  ASSERT_TRUE(WriteFile(tmp.Sub("check"), "123456789"));
+  EXPECT_EQ(CZip::getCrc(tmp.Sub("check")), 0xCBF43926u);
+  ASSERT_TRUE(WriteFile(tmp.Sub("empty"), ""));
+  EXPECT_EQ(CZip::getCrc(tmp.Sub("empty")), 0u);
+  // Several blocks and a partial one; the reference comes from Python.
+  ASSERT_TRUE(WriteFile(tmp.Sub("blocks"), RandomBytes(3 * CZip::kBlockSize + 123, 17)));
+  const keeltest::CommandResult py = keeltest::Run(
+      {"python3", "-c", "import sys, zlib; print(zlib.crc32(open(sys.argv[1], 'rb').read()))",
+       tmp.Sub("blocks")});
+  ASSERT_EQ(py.status, 0) << py.err;
+  EXPECT_EQ(std::to_string(CZip::getCrc(tmp.Sub("blocks"))) + "\n", py.out);
+}
+
+TEST(CZip, GetCrcOfAMissingFileIsZeroWithAnError) {
+  LogCapture capture;
+  EXPECT_EQ(CZip::getCrc("/nonexistent/keel/crc"), 0u);
+  EXPECT_TRUE(HasMessage(capture, LOG_LEVEL_E, "Could not open /nonexistent/keel/crc"));
+}
+
+TEST(CZip, IsLargeFileFromFFFFFFFFBytesOn) {
+  TempDir tmp;
+  ASSERT_TRUE(MakeSparseFile(tmp.Sub("below"), 0xFFFFFFFEll));
+  ASSERT_TRUE(MakeSparseFile(tmp.Sub("at"), 0xFFFFFFFFll));
+  ASSERT_TRUE(MakeSparseFile(tmp.Sub("above"), 0x100000000ll));
+  ASSERT_TRUE(WriteFile(tmp.Sub("small"), "small"));
+  EXPECT_FALSE(CZip::isLargeFile(tmp.Sub("below")));
+  EXPECT_TRUE(CZip::isLargeFile(tmp.Sub("at")));
+  EXPECT_TRUE(CZip::isLargeFile(tmp.Sub("above")));
+  EXPECT_FALSE(CZip::isLargeFile(tmp.Sub("small")));
+  EXPECT_FALSE(CZip::isLargeFile(tmp.path()));  // a folder has no size to speak of
+
+  LogCapture capture;
+  EXPECT_FALSE(CZip::isLargeFile(tmp.Sub("missing")));
+  EXPECT_TRUE(HasMessage(capture, LOG_LEVEL_E, "Could not open " + tmp.Sub("missing")));
+}
+
+// ===========================================================================
+// getDirContents on what is not a folder.
+
+TEST(CZip, PathThatCannotBeOpenedAsAFolderIsListedItself) {
+  TempDir tmp;
+  ASSERT_TRUE(WriteFile(tmp.Sub("file.txt"), "x"));
+  std::vector<std::string> listed;
+  EXPECT_EQ(CZip::getDirContents(listed, tmp.Sub("file.txt"), true), 0u);
+  EXPECT_EQ(CZip::getDirContents(listed, tmp.Sub("missing"), false), 0u);
+  EXPECT_EQ(listed, (std::vector<std::string>{tmp.Sub("file.txt"), tmp.Sub("missing")}));
+}
+
+// ===========================================================================
+// createPath.
+
+TEST(CZip, CreatePathMakesEveryMissingFolderWithAllRights) {
+  TempDir tmp;
+  const mode_t previous = umask(0);
+  const bool made = CZip::createPath(tmp.Sub("a/b//c/"));
+  umask(previous);
+  EXPECT_TRUE(made);
+  for (const std::string& folder : {tmp.Sub("a"), tmp.Sub("a/b"), tmp.Sub("a/b/c")}) {
+    struct stat info;
+    ASSERT_EQ(stat(folder.c_str(), &info), 0) << folder;
+    EXPECT_TRUE(S_ISDIR(info.st_mode));
+    EXPECT_EQ(info.st_mode & 07777, 0777u) << folder;
+  }
+  EXPECT_TRUE(CZip::createPath(tmp.Sub("a/b/c")));  // already there
+  EXPECT_TRUE(CZip::createPath("/"));
+}
+
+TEST(CZip, CreatePathRefusesRelativeEmptyAndBlockedPaths) {
+  TempDir tmp;
+  EXPECT_FALSE(CZip::createPath(""));
+  EXPECT_FALSE(CZip::createPath("relative/path"));
+  EXPECT_FALSE(keeltest::PathExists("relative"));
+  ASSERT_TRUE(WriteFile(tmp.Sub("plain"), "x"));
+  EXPECT_FALSE(CZip::createPath(tmp.Sub("plain")));
+  EXPECT_FALSE(CZip::createPath(tmp.Sub("plain/below")));
+  EXPECT_FALSE(keeltest::PathExists(tmp.Sub("plain/below")));
+}
+
+// ===========================================================================
+// Unzip.
+
+TEST(CZip, ZipThenUnzipGivesBackTheSameTree) {
+  TempDir tmp;
+  const std::string source = tmp.Sub("work");
+  ASSERT_NO_FATAL_FAILURE(MakeTree(source));
+  const std::string archive = tmp.Sub("round.zip");
+  ASSERT_EQ(CZip::Zip(source, archive, "", true), 0u);
+  ExpectArchiveHolds(archive, ExpectedTree(source));
+
+  for (const std::string& target : {tmp.Sub("back"), tmp.Sub("back2") + "/"}) {
+    SCOPED_TRACE(target);
+    std::vector<std::string> paths{"kept"};
+    EXPECT_EQ(CZip::Unzip(archive, target, paths, false), 0u);
+    const std::string base = target.back() == '/' ? target : target + "/";
+    std::vector<std::string> expectedPaths{"kept"};
+    for (const std::string& name : FindOrder(source))
+      expectedPaths.push_back(base + name);
+    EXPECT_EQ(paths, expectedPaths);
+    // Same files with the same bytes; empty folders are not in an archive.
+    std::vector<std::string> before = FindOrder(source);
+    std::vector<std::string> after = FindOrder(base);
+    std::sort(before.begin(), before.end());
+    std::sort(after.begin(), after.end());
+    EXPECT_EQ(after, before);
+    for (const std::string& name : before)
+      EXPECT_TRUE(ReadFile(base + name) == ReadFile(source + "/" + name)) << name;
+    EXPECT_FALSE(keeltest::PathExists(base + "hollow"));
+  }
+}
+
+TEST(CZip, UnzipKeepsExistingFilesUnlessToldToOverwrite) {
+  TempDir tmp;
+  ASSERT_TRUE(WriteFile(tmp.Sub("work/a.txt"), "new a\n"));
+  ASSERT_TRUE(WriteFile(tmp.Sub("work/sub/b.txt"), "new b\n"));
+  const std::string archive = tmp.Sub("a.zip");
+  ASSERT_EQ(CZip::Zip(tmp.Sub("work"), archive, "", true), 0u);
+  const std::string target = tmp.Sub("target");
+  ASSERT_TRUE(WriteFile(target + "/a.txt", "old a\n"));
+
+  LogCapture capture;
+  std::vector<std::string> paths;
+  EXPECT_EQ(CZip::Unzip(archive, target, paths, false), 0u);
+  EXPECT_TRUE(HasMessage(capture, LOG_LEVEL_W,
+                         "Skipping file " + target + "/a.txt, because it already exists."));
+  EXPECT_EQ(ReadFile(target + "/a.txt"), "old a\n");
+  EXPECT_EQ(ReadFile(target + "/sub/b.txt"), "new b\n");
+  EXPECT_EQ(paths.size(), 2u);  // a skipped file is still listed
+
+  capture.logger().Clear();
+  paths.clear();
+  EXPECT_EQ(CZip::Unzip(archive, target, paths, true), 0u);
+  EXPECT_EQ(capture.Count("Skipping file"), 0u);
+  EXPECT_EQ(ReadFile(target + "/a.txt"), "new a\n");
+}
+
+// Writes an archive with Python's zipfile: `entries` is a Python list of
+// (name, text) pairs; a name ending in "/" is a folder entry.
+void MakeArchiveWithPython(const std::string& archive, const std::string& entries) {
+  const std::string script =
+      "import sys, zipfile\n"
+      "with zipfile.ZipFile(sys.argv[1], 'w', zipfile.ZIP_DEFLATED) as z:\n"
+      "    for name, text in " +
+      entries +
+      ":\n"
+      "        z.writestr(name, text)\n";
+  const keeltest::CommandResult made = keeltest::Run({"python3", "-c", script, archive});
+  ASSERT_EQ(made.status, 0) << made.err;
+}
+
+TEST(CZip, UnzipMakesFolderEntriesAndListsThem) {
+  TempDir tmp;
+  const std::string archive = tmp.Sub("folders.zip");
+  MakeArchiveWithPython(archive,
+                        "[('top/', ''), ('top/inner/', ''), ('top/inner/f.txt', 'f'), "
+                        "('other/deep/g.txt', 'g')]");
+  std::vector<std::string> paths;
+  const std::string target = tmp.Sub("out");
+  EXPECT_EQ(CZip::Unzip(archive, target, paths, false), 0u);
+  EXPECT_EQ(paths,
+            (std::vector<std::string>{target + "/top/", target + "/top/inner/",
+                                      target + "/top/inner/f.txt", target + "/other/deep/g.txt"}));
+  struct stat info;
+  ASSERT_EQ(stat((target + "/top/inner").c_str(), &info), 0);
+  EXPECT_TRUE(S_ISDIR(info.st_mode));
+  EXPECT_EQ(ReadFile(target + "/top/inner/f.txt"), "f");
+  EXPECT_EQ(ReadFile(target + "/other/deep/g.txt"), "g");
+}
+
+TEST(CZip, UnzipReportsAFolderItCannotMake) {
+  TempDir tmp;
+  const std::string archive = tmp.Sub("blocked.zip");
+  MakeArchiveWithPython(archive, "[('sub/x.txt', 'x'), ('y.txt', 'y')]");
+  const std::string target = tmp.Sub("out");
+  ASSERT_TRUE(WriteFile(target + "/sub", "a file where a folder should go"));
+  LogCapture capture;
+  std::vector<std::string> paths;
+  EXPECT_EQ(CZip::Unzip(archive, target, paths, false), 0u);
+  EXPECT_TRUE(
+      HasMessage(capture, LOG_LEVEL_E, "Could not create the following dir: " + target + "/sub"));
+  EXPECT_TRUE(HasMessage(capture, LOG_LEVEL_E,
+                         "Could not create the following file: " + target + "/sub/x.txt"));
+  EXPECT_EQ(ReadFile(target + "/y.txt"), "y");  // the run goes on
+}
+
+TEST(CZip, UnzipRefusesNamesThatLeaveTheTarget) {
+  TempDir tmp;
+  const std::string archive = tmp.Sub("evil.zip");
+  MakeArchiveWithPython(archive,
+                        "[('../escaped.txt', 'e'), ('a/../../up.txt', 'u'), ('ok.txt', 'o')]");
+  const std::string target = tmp.Sub("deep/out");
+  LogCapture capture;
+  std::vector<std::string> paths;
+  EXPECT_EQ(CZip::Unzip(archive, target, paths, false), 0u);
+  EXPECT_TRUE(HasMessage(capture, LOG_LEVEL_E,
+                         "Skipping entry ../escaped.txt, because its name leads out of the "
+                         "target folder."));
+  EXPECT_FALSE(keeltest::PathExists(tmp.Sub("deep/escaped.txt")));
+  EXPECT_FALSE(keeltest::PathExists(tmp.Sub("up.txt")));
+  EXPECT_FALSE(keeltest::PathExists(tmp.Sub("deep/up.txt")));
+  EXPECT_EQ(paths, std::vector<std::string>{target + "/ok.txt"});
+  EXPECT_EQ(ReadFile(target + "/ok.txt"), "o");
+}
+
+TEST(CZip, UnzipCannotOpenAnArchiveWithoutEntries) {
+  // minizip finds no central directory at the very start of a file, which
+  // is where an archive without entries has it.
+  TempDir tmp;
+  ASSERT_TRUE(MakeDir(tmp.Sub("empty")));
+  const std::string archive = tmp.Sub("empty.zip");
+  ASSERT_EQ(CZip::Zip(tmp.Sub("empty"), archive, "", true), 0u);
+  ExpectArchiveHolds(archive, {});
+  LogCapture capture;
+  std::vector<std::string> paths;
+  EXPECT_EQ(CZip::Unzip(archive, tmp.Sub("out"), paths, false), GLOBAL_ERROR_BAD_PARAMETER);
+  EXPECT_TRUE(HasMessage(capture, LOG_LEVEL_E, "unzOpen64 returned NULL."));
+  EXPECT_TRUE(paths.empty());
+  EXPECT_FALSE(keeltest::PathExists(tmp.Sub("out")));
+}
+
+TEST(CZip, UnzipRejectsEmptyArgumentsAndWhatIsNotAnArchive) {
+  TempDir tmp;
+  ASSERT_TRUE(WriteFile(tmp.Sub("garbage.zip"), RandomBytes(5000, 18)));
+  LogCapture capture;
+  std::vector<std::string> paths;
+  EXPECT_EQ(CZip::Unzip("", tmp.Sub("out"), paths, false), GLOBAL_ERROR_BAD_PARAMETER);
+  EXPECT_EQ(CZip::Unzip(tmp.Sub("garbage.zip"), "", paths, false), GLOBAL_ERROR_BAD_PARAMETER);
+  EXPECT_EQ(capture.Count("\nBad parameter(s), parameter(s) is equal to NULL."), 2u);
+  EXPECT_EQ(CZip::Unzip(tmp.Sub("garbage.zip"), tmp.Sub("out"), paths, false),
+            GLOBAL_ERROR_BAD_PARAMETER);
+  EXPECT_EQ(CZip::Unzip(tmp.Sub("missing.zip"), tmp.Sub("out"), paths, false),
+            GLOBAL_ERROR_BAD_PARAMETER);
+  EXPECT_EQ(capture.Count("\nunzOpen64 returned NULL."), 2u);
+  EXPECT_TRUE(HasMessage(capture, LOG_LEVEL_E, "unzOpen64 returned NULL."));
+  EXPECT_TRUE(paths.empty());
+  EXPECT_FALSE(keeltest::PathExists(tmp.Sub("out")));
+}
+
+TEST(CZip, UnzipReportsADamagedEntry) {
+  TempDir tmp;
+  ASSERT_TRUE(WriteFile(tmp.Sub("work/data.log"), LogText(60000, 19)));
+  const std::string archive = tmp.Sub("damaged.zip");
+  ASSERT_EQ(CZip::Zip(tmp.Sub("work"), archive, "", true), 0u);
+  // Flip bytes in the middle of the compressed data.
+  std::string bytes = ReadFile(archive);
+  for (size_t i = 0; i < 64; ++i)
+    bytes[bytes.size() / 2 + i] = static_cast<char>(~bytes[bytes.size() / 2 + i]);
+  ASSERT_TRUE(WriteFile(archive, bytes));
+  LogCapture capture;
+  std::vector<std::string> paths;
+  EXPECT_EQ(CZip::Unzip(archive, tmp.Sub("out"), paths, false), 0u);
+  const bool reported = capture.Contains("\nInvoked Function: unzReadCurrentFile\n") ||
+                        capture.Contains("\nInvoked Function: unzCloseCurrentFile\n");
+  EXPECT_TRUE(reported);
+  EXPECT_EQ(paths, std::vector<std::string>{tmp.Sub("out") + "/data.log"});
+}
+
+// ===========================================================================
+// Sizes at the zip64 threshold: each compresses 4 GiB of zeros, so this
+// suite is run by name only.
+
+struct LargeEntryFacts {
+  int status = -1;
+  std::string out;
+};
+
+// Reads the one entry of `archive` with Python: the version needed and the
+// extra field ids of its local and central headers, its size, and whether
+// every byte is zero; then testzip().
+LargeEntryFacts ReadLargeEntry(const std::string& archive) {
+  static const char kScript[] =
+      "import struct, sys, zipfile\n"
+      "def ids(extra):\n"
+      "    out, i = [], 0\n"
+      "    while i + 4 <= len(extra):\n"
+      "        tag, size = struct.unpack('<HH', extra[i:i + 4])\n"
+      "        out.append('%04x' % tag)\n"
+      "        i += 4 + size\n"
+      "    return ','.join(out) or '-'\n"
+      "z = zipfile.ZipFile(sys.argv[1])\n"
+      "(i,) = z.infolist()\n"
+      "with open(sys.argv[1], 'rb') as f:\n"
+      "    f.seek(i.header_offset)\n"
+      "    head = f.read(30)\n"
+      "    version = struct.unpack('<H', head[4:6])[0]\n"
+      "    name_len, extra_len = struct.unpack('<HH', head[26:30])\n"
+      "    f.seek(name_len, 1)\n"
+      "    local_extra = f.read(extra_len)\n"
+      "n, zeros = 0, True\n"
+      "with z.open(i) as data:\n"
+      "    while True:\n"
+      "        b = data.read(1 << 24)\n"
+      "        if not b: break\n"
+      "        n += len(b)\n"
+      "        zeros = zeros and b.count(0) == len(b)\n"
+      "print(i.filename, i.compress_type, i.file_size, n, zeros)\n"
+      "print('local', version, ids(local_extra))\n"
+      "print('central', i.extract_version, ids(i.extra))\n"
+      "print('testzip', z.testzip())\n";
+  const keeltest::CommandResult ran = keeltest::Run({"python3", "-c", kScript, archive});
+  return {ran.status, ran.out + ran.err};
+}
+
+void ZipSparseFileOfSize(uint64_t size, const std::string& expectedFacts) {
+  TempDir tmp;
+  const std::string source = tmp.Sub("work");
+  ASSERT_TRUE(MakeDir(source));
+  ASSERT_TRUE(MakeSparseFile(source + "/zeros.bin", static_cast<off_t>(size)));
+  const std::string archive = tmp.Sub("large.zip");
+  EXPECT_EQ(CZip::Zip(source, archive, "", true), 0u);
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+  EXPECT_LT(PeakResidentKiB(), 64 * 1024) << "peak resident size in KiB";
+#endif
+  const keeltest::CommandResult tested = keeltest::Run({"unzip", "-t", archive});
+  EXPECT_EQ(tested.status, 0) << tested.out << tested.err;
+  EXPECT_NE(tested.out.find("No errors detected"), std::string::npos) << tested.out;
+  const ZipinfoListing listing = ReadWithZipinfo(archive);
+  EXPECT_EQ(listing.names, std::vector<std::string>{"zeros.bin"});
+  EXPECT_EQ(listing.methods, std::vector<std::string>{"defX"});
+  const LargeEntryFacts facts = ReadLargeEntry(archive);
+  EXPECT_EQ(facts.status, 0);
+  EXPECT_EQ(facts.out, expectedFacts);
+}
+
+TEST(CZipSlow, FileOfFFFFFFFEBytesIsWrittenWithoutZip64) {
+  ZipSparseFileOfSize(0xFFFFFFFEull,
+                      "zeros.bin 8 4294967294 4294967294 True\n"
+                      "local 20 -\n"
+                      "central 20 -\n"
+                      "testzip None\n");
+}
+
+TEST(CZipSlow, FileOfFFFFFFFFBytesIsWrittenWithZip64) {
+  ZipSparseFileOfSize(0xFFFFFFFFull,
+                      "zeros.bin 8 4294967295 4294967295 True\n"
+                      "local 45 0001\n"
+                      "central 45 0001\n"
+                      "testzip None\n");
+}
+
+}  // namespace

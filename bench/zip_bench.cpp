@@ -1,0 +1,263 @@
+// Archive throughput and peak memory of CZip::Zip beside `zip -9 -r -q` on
+// the same tree of log-like text: a few large files and a few thousand
+// small ones, made afresh from a fixed seed.
+//
+// Usage: bench_zip_bench [work-base] [megabytes] [seed]
+// Defaults: /tmp, 300, 20240311. The tree and both archives live in a fresh
+// folder below work-base that is removed at the end. Each archiver runs in a
+// child process of its own, so that its peak resident size (ru_maxrss from
+// wait4) and processor time are its alone; both start from a warm page
+// cache. MB/s is input megabytes (10^6 bytes) per second of wall time.
+// Exits with 1 when an archiver fails or CZip::Zip needs 64 MiB or more.
+#include <stdlib.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <functional>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "Common/Log/Log.h"
+#include "Common/Zip/CZip.h"
+
+namespace {
+
+constexpr double kMegabyte = 1e6;
+constexpr long kMemoryLimitKiB = 64 * 1024;
+constexpr int kLargeFiles = 4;
+constexpr int kSmallFolders = 40;
+// The large files hold this share of the bytes; small files the rest.
+constexpr double kLargeShare = 0.6;
+constexpr uint64_t kSmallMean = 40 * 1000;
+
+struct FileCloser {
+  void operator()(FILE* file) const { fclose(file); }
+};
+using FileHandle = std::unique_ptr<FILE, FileCloser>;
+
+// Lines as a VPN client's logs have them: time, process, level, module and a
+// message of words, addresses and numbers.
+class LogTextSource {
+ public:
+  explicit LogTextSource(uint32_t seed) : m_random(seed) {}
+
+  // Appends lines to `text` until it holds at least `size` bytes.
+  void fill(std::string& text, size_t size) {
+    static const char* const kLevels[] = {"DEBUG", "INFO", "INFO", "INFO", "WARNING", "ERROR"};
+    static const char* const kModules[] = {"agent",  "ui",    "dns",   "routes",
+                                           "health", "probe", "certs", "tunnel"};
+    static const char* const kWords[] = {
+        "connection",  "established", "to",        "gateway", "retrying", "after",
+        "timeout",     "of",          "the",       "policy",  "applied",  "route",
+        "added",       "for",         "interface", "tun0",    "DNS",      "server",
+        "certificate", "verified",    "session",   "closed",  "by",       "peer",
+        "keepalive",   "sent",        "received",  "packet",  "dropped",  "MTU"};
+    while (text.size() < size) {
+      m_second = (m_second + draw(3)) % 86400;
+      char head[128];
+      snprintf(head, sizeof(head),
+               "2024-03-11 %02u:%02u:%02u.%03u client[%u]: %s %s: ", m_second / 3600,
+               m_second / 60 % 60, m_second % 60, draw(1000), 1000 + draw(50), pick(kLevels),
+               pick(kModules));
+      text += head;
+      const unsigned words = 4 + draw(14);
+      for (unsigned i = 0; i < words; ++i) {
+        const unsigned kind = draw(10);
+        char word[48];
+        if (kind == 0)
+          snprintf(word, sizeof(word), "10.%u.%u.%u", draw(256), draw(256), draw(256));
+        else if (kind == 1)
+          snprintf(word, sizeof(word), "0x%08x", next());
+        else if (kind == 2)
+          snprintf(word, sizeof(word), "%u", draw(100000));
+        else
+          snprintf(word, sizeof(word), "%s", pick(kWords));
+        text += word;
+        text += i + 1 < words ? ' ' : '\n';
+      }
+    }
+  }
+
+  uint32_t next() { return static_cast<uint32_t>(m_random()); }
+  // A number below `bound`.
+  unsigned draw(unsigned bound) { return static_cast<unsigned>(m_random() % bound); }
+
+ private:
+  template <size_t N>
+  const char* pick(const char* const (&list)[N]) {
+    return list[m_random() % N];
+  }
+
+  std::mt19937 m_random;
+  unsigned m_second = 0;
+};
+
+// Writes `size` bytes of log text to `path` in blocks of about 1 MiB.
+bool writeLogFile(const std::string& path, uint64_t size, LogTextSource& source) {
+  FileHandle file(fopen(path.c_str(), "wb"));
+  if (!file)
+    return false;
+  std::string block;
+  for (uint64_t written = 0; written < size;) {
+    block.clear();
+    const uint64_t chunk = std::min<uint64_t>(size - written, 1 << 20);
+    source.fill(block, chunk);
+    if (fwrite(block.data(), 1, chunk, file.get()) != chunk)
+      return false;
+    written += chunk;
+  }
+  return fclose(file.release()) == 0;
+}
+
+struct Tree {
+  int largeFiles = 0;
+  int smallFiles = 0;
+  uint64_t bytes = 0;
+};
+
+// Large files at the top, small ones in two levels of folders.
+bool makeTree(const std::string& root, uint64_t total, uint32_t seed, Tree* tree) {
+  LogTextSource source(seed);
+  if (mkdir(root.c_str(), 0755) != 0)
+    return false;
+  const uint64_t largeSize = static_cast<uint64_t>(total * kLargeShare) / kLargeFiles;
+  for (int i = 0; i < kLargeFiles; ++i) {
+    if (!writeLogFile(root + "/client_" + std::to_string(i) + ".log", largeSize, source))
+      return false;
+    ++tree->largeFiles;
+    tree->bytes += largeSize;
+  }
+  for (int folder = 0; folder < kSmallFolders; ++folder) {
+    const std::string top = root + "/module" + std::to_string(folder % 8);
+    const std::string dir = top + "/run" + std::to_string(folder);
+    mkdir(top.c_str(), 0755);
+    if (mkdir(dir.c_str(), 0755) != 0)
+      return false;
+  }
+  for (int i = 0; tree->bytes < total; ++i) {
+    // Sizes from 1 kB to about twice the mean.
+    const uint64_t size =
+        std::min<uint64_t>(total - tree->bytes, 1000 + source.next() % (2 * kSmallMean - 1000));
+    const int folder = i % kSmallFolders;
+    const std::string path = root + "/module" + std::to_string(folder % 8) + "/run" +
+                             std::to_string(folder) + "/trace_" + std::to_string(i) + ".log";
+    if (!writeLogFile(path, size, source))
+      return false;
+    ++tree->smallFiles;
+    tree->bytes += size;
+  }
+  return true;
+}
+
+struct Outcome {
+  bool ok = false;
+  double seconds = 0;     // wall time
+  double cpuSeconds = 0;  // user and system time
+  long peakKiB = 0;
+};
+
+// Runs `work` in a child process and reports its exit, wall time and peak
+// resident size.
+Outcome runChild(const std::function<int()>& work) {
+  Outcome outcome;
+  fflush(nullptr);
+  const auto start = std::chrono::steady_clock::now();
+  const pid_t child = fork();
+  if (child < 0)
+    return outcome;
+  if (child == 0)
+    _exit(work());
+  int status = 0;
+  struct rusage usage;
+  if (wait4(child, &status, 0, &usage) != child)
+    return outcome;
+  outcome.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  outcome.ok = WIFEXITED(status) && WEXITSTATUS(status) == 0;
+  outcome.peakKiB = usage.ru_maxrss;
+  outcome.cpuSeconds = usage.ru_utime.tv_sec + usage.ru_stime.tv_sec +
+                       (usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+  return outcome;
+}
+
+uint64_t fileSize(const std::string& path) {
+  struct stat info;
+  return stat(path.c_str(), &info) == 0 ? static_cast<uint64_t>(info.st_size) : 0;
+}
+
+void printRow(const char* tool, const Outcome& outcome, uint64_t input, uint64_t archive) {
+  printf("%-14s %8.2f %8.1f %8.2f %13.1f %11.1f %6.1f%%%s\n", tool, outcome.seconds,
+         input / kMegabyte / outcome.seconds, outcome.cpuSeconds, outcome.peakKiB / 1024.0,
+         archive / kMegabyte, input > 0 ? 100.0 * archive / input : 0.0,
+         outcome.ok ? "" : "  FAILED");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const std::string base = argc > 1 ? argv[1] : "/tmp";
+  const uint64_t megabytes = argc > 2 ? strtoull(argv[2], nullptr, 10) : 300;
+  const uint32_t seed = argc > 3 ? static_cast<uint32_t>(strtoul(argv[3], nullptr, 10)) : 20240311;
+
+  std::string pattern = base + "/keel-zip-bench.XXXXXX";
+  if (mkdtemp(pattern.data()) == nullptr) {
+    perror("mkdtemp");
+    return 1;
+  }
+  const std::string work = pattern;
+  const std::string root = work + "/tree";
+  const std::string ours = work + "/czip.zip";
+  const std::string theirs = work + "/zip.zip";
+
+  Tree tree;
+  printf("Making %llu MB of log text below %s (seed %u)...\n",
+         static_cast<unsigned long long>(megabytes), work.c_str(), seed);
+  const bool made = makeTree(root, megabytes * 1000 * 1000, seed, &tree);
+  int exitCode = made ? 0 : 1;
+  if (made) {
+    sync();
+    printf("Tree: %d large and %d small files, %.1f MB\n\n", tree.largeFiles, tree.smallFiles,
+           tree.bytes / kMegabyte);
+    const Outcome czip = runChild([&] {
+      ResultCode opened = 0;
+      CLogScope scope(&opened, "bench_zip", nullptr);
+      return CZip::Zip(root, ours, "", true) == 0 ? 0 : 1;
+    });
+    const Outcome zip = runChild([&] {
+      if (chdir(root.c_str()) != 0)
+        return 1;
+      execlp("zip", "zip", "-9", "-r", "-q", theirs.c_str(), ".", static_cast<char*>(nullptr));
+      return 127;
+    });
+    printf("%-14s %8s %8s %8s %13s %11s %7s\n", "archiver", "seconds", "MB/s", "CPU s",
+           "peak RSS MiB", "archive MB", "ratio");
+    printRow("CZip::Zip", czip, tree.bytes, fileSize(ours));
+    printRow("zip -9 -r -q", zip, tree.bytes, fileSize(theirs));
+    if (!czip.ok || !zip.ok)
+      exitCode = 1;
+    const std::string test = "unzip -tqq '" + ours + "'";
+    const bool tested = czip.ok && system(test.c_str()) == 0;
+    printf("\nunzip -t of the CZip::Zip archive: %s\n", tested ? "no errors" : "FAILED");
+    if (!tested)
+      exitCode = 1;
+    if (czip.peakKiB >= kMemoryLimitKiB) {
+      printf("CZip::Zip peak resident size %.1f MiB is not below %ld MiB\n", czip.peakKiB / 1024.0,
+             kMemoryLimitKiB / 1024);
+      exitCode = 1;
+    }
+  } else {
+    fprintf(stderr, "could not make the tree below %s\n", work.c_str());
+  }
+  const std::string remove = "rm -rf '" + work + "'";
+  if (system(remove.c_str()) != 0)
+    fprintf(stderr, "could not remove %s\n", work.c_str());
+  return exitCode;
+}
