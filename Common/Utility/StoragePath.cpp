@@ -1,0 +1,181 @@
+#include "Common/Utility/StoragePath.h"
+
+#include <errno.h>
+#include <pwd.h>
+#include <unistd.h>
+
+#include <vector>
+
+#include "Common/Log/Log.h"
+#include "Common/Log/ManualLock.h"
+
+namespace {
+
+const char kInstallRoot[] = "/opt/velon/tesselclient";
+const char kResourcesPath[] = "/opt/velon/tesselclient/resources/";
+const char kTempPath[] = "/tmp/";
+
+// Process-wide singleton state. The pointer and the count are changed only
+// under the lock.
+CStoragePath* g_instance = nullptr;
+uint32_t g_acquisitionCount = 0;
+
+// Built on first use and destroyed at process exit, after any static handle
+// that was built before it was first used.
+CManualLock& InstanceLock() {
+  static CManualLock lock(500);
+  return lock;
+}
+
+const char* ModuleWord(StoragePathModule module) {
+  switch (module) {
+    case STORAGE_PATH_MODULE_VPN:
+      return "vpn";
+    case STORAGE_PATH_MODULE_NAC_POSTURE:
+      return "nacposture";
+    case STORAGE_PATH_MODULE_UI:
+      return "ui";
+  }
+  return nullptr;
+}
+
+// The home folder of `userName`, or of the real user when it is empty.
+bool LookUpHomeFolder(const std::string& userName, std::string* home) {
+  long suggested = sysconf(_SC_GETPW_R_SIZE_MAX);
+  std::vector<char> buffer(suggested > 0 ? static_cast<size_t>(suggested) : 16384);
+  passwd record;
+  passwd* found = nullptr;
+  for (;;) {
+    int error = userName.empty()
+                    ? getpwuid_r(getuid(), &record, buffer.data(), buffer.size(), &found)
+                    : getpwnam_r(userName.c_str(), &record, buffer.data(), buffer.size(), &found);
+    if (error != ERANGE || buffer.size() >= (1u << 20))
+      break;
+    buffer.resize(buffer.size() * 2);
+  }
+  if (found == nullptr)
+    return false;
+  *home = found->pw_dir != nullptr ? found->pw_dir : "";
+  return true;
+}
+
+}  // namespace
+
+CStoragePath::CStoragePath(ResultCode* result) {
+  *result = CSTORAGEPATH_ERROR_UNEXPECTED;
+  m_installPath = std::string(kInstallRoot) + "/";
+  m_installPathCopy = m_installPath;
+  *result = 0;
+}
+
+CStoragePath::~CStoragePath() = default;
+
+ResultCode CStoragePath::CreateSingletonInstance(CStoragePath** instance) {
+  *instance = nullptr;
+  // Creation belongs to single-threaded start-up; the lock costs nothing
+  // there and keeps a stray second creator from racing the first.
+  CManualLockGuard guard(InstanceLock());
+  if (g_instance == nullptr && g_acquisitionCount == 0) {
+    ResultCode result = 0;
+    CStoragePath* created = new CStoragePath(&result);
+    if (result != 0) {
+      ReleaseInstance(created);
+      KLOG_RC(LOG_LEVEL_E, "CStoragePath::CStoragePath", result);
+      return result;
+    }
+    g_instance = created;
+    g_acquisitionCount = 1;
+    *instance = created;
+    return 0;
+  }
+  *instance = AcquireInstance();
+  return 0;
+}
+
+CStoragePath* CStoragePath::AcquireInstance() {
+  CManualLockGuard guard(InstanceLock());
+  if (g_instance != nullptr)
+    ++g_acquisitionCount;
+  return g_instance;
+}
+
+void CStoragePath::ReleaseInstance(CStoragePath* instance) {
+  if (instance == nullptr)
+    return;
+  CManualLockGuard guard(InstanceLock());
+  if (instance == g_instance) {
+    const uint32_t before = g_acquisitionCount--;
+    if (before != 1)
+      return;
+    g_instance = nullptr;
+  }
+  delete instance;
+}
+
+uint32_t CStoragePath::GetAcquisitionCount() {
+  CManualLockGuard guard(InstanceLock());
+  return g_acquisitionCount;
+}
+
+std::string CStoragePath::GetInstallPath() const {
+  return m_installPath;
+}
+
+std::string CStoragePath::GetResourcesPath() {
+  return kResourcesPath;
+}
+
+std::string CStoragePath::GetBinPath() const {
+  return m_installPath + "bin/";
+}
+
+std::string CStoragePath::GetVpnDataPath() const {
+  return m_installPath + "vpn" + "/";
+}
+
+std::string CStoragePath::GetProfilePath(int32_t mode) const {
+  return GetVpnDataPath() + (mode == 1 ? "profile/mgmttun" : "profile");
+}
+
+std::string CStoragePath::GetFeedbackModuleDataPath() const {
+  return m_installPath + "CustomerExperienceFeedback" + "/" + "moduledata";
+}
+
+std::string CStoragePath::GetUserProgramDataPath(const std::string& userName) const {
+  std::string home;
+  if (!LookUpHomeFolder(userName, &home)) {
+    KLOG_W("Error retrieving user pswd struct.");
+    return std::string(".") + "/";
+  }
+  return home + "/";
+}
+
+std::string CStoragePath::GetModuleDataPath(StoragePathModule module, const std::string& userName,
+                                            bool plain) const {
+  std::string path = GetUserProgramDataPath(userName);
+  const char* word = plain ? nullptr : ModuleWord(module);
+  if (word != nullptr)
+    path += std::string(".") + word + "/";
+  return path;
+}
+
+std::string CStoragePath::GetProgramDataPath(bool perUser, StoragePathModule module,
+                                             const std::string& userName, bool plain) const {
+  if (perUser)
+    return GetModuleDataPath(module, userName, plain);
+  return GetVpnDataPath();
+}
+
+std::string CStoragePath::GetUILogPath() const {
+  KLOG_W(
+      "Call unsupported on CSIDL value provided to CStoragePath::GetUILogPath returned an empty "
+      "string.");
+  return std::string();
+}
+
+ResultCode CStoragePath::GetTempPath(std::string& path, size_t maxLength) const {
+  path = kTempPath;
+  if (maxLength < path.size())
+    return CSTORAGEPATH_ERROR_TEMPPATH_TOO_BIG;
+  return 0;
+}
