@@ -8,6 +8,7 @@
 
 #include "Common/Log/Log.h"
 #include "Common/Log/ManualLock.h"
+#include "Common/Utility/SingletonRegistry.h"
 
 namespace {
 
@@ -15,16 +16,11 @@ const char kInstallRoot[] = "/opt/velon/tesselclient";
 const char kResourcesPath[] = "/opt/velon/tesselclient/resources/";
 const char kTempPath[] = "/tmp/";
 
-// Process-wide singleton state. The pointer and the count are changed only
-// under the lock.
-CStoragePath* g_instance = nullptr;
-uint32_t g_acquisitionCount = 0;
-
 // Built on first use and destroyed at process exit, after any static handle
 // that was built before it was first used.
-CManualLock& InstanceLock() {
-  static CManualLock lock(500);
-  return lock;
+CSingletonRegistry<CStoragePath>& Registry() {
+  static CSingletonRegistry<CStoragePath> registry;
+  return registry;
 }
 
 const char* ModuleWord(StoragePathModule module) {
@@ -74,47 +70,34 @@ ResultCode CStoragePath::CreateSingletonInstance(CStoragePath** instance) {
   *instance = nullptr;
   // Creation belongs to single-threaded start-up; the lock costs nothing
   // there and keeps a stray second creator from racing the first.
-  CManualLockGuard guard(InstanceLock());
-  if (g_instance == nullptr && g_acquisitionCount == 0) {
-    ResultCode result = 0;
-    CStoragePath* created = new CStoragePath(&result);
-    if (result != 0) {
-      ReleaseInstance(created);
-      KLOG_RC(LOG_LEVEL_E, "CStoragePath::CStoragePath", result);
-      return result;
-    }
-    g_instance = created;
-    g_acquisitionCount = 1;
-    *instance = created;
+  CManualLockGuard guard(Registry().lock());
+  if (!Registry().vacant()) {
+    // A second creator shares the instance.
+    *instance = AcquireInstance();
     return 0;
   }
-  *instance = AcquireInstance();
+  ResultCode result = 0;
+  CStoragePath* created = new CStoragePath(&result);
+  if (result != 0) {
+    ReleaseInstance(created);
+    KLOG_RC(LOG_LEVEL_E, "CStoragePath::CStoragePath", result);
+    return result;
+  }
+  Registry().install(created);
+  *instance = created;
   return 0;
 }
 
 CStoragePath* CStoragePath::AcquireInstance() {
-  CManualLockGuard guard(InstanceLock());
-  if (g_instance != nullptr)
-    ++g_acquisitionCount;
-  return g_instance;
+  return Registry().acquire();
 }
 
 void CStoragePath::ReleaseInstance(CStoragePath* instance) {
-  if (instance == nullptr)
-    return;
-  CManualLockGuard guard(InstanceLock());
-  if (instance == g_instance) {
-    const uint32_t before = g_acquisitionCount--;
-    if (before != 1)
-      return;
-    g_instance = nullptr;
-  }
-  delete instance;
+  Registry().release(instance);
 }
 
 uint32_t CStoragePath::GetAcquisitionCount() {
-  CManualLockGuard guard(InstanceLock());
-  return g_acquisitionCount;
+  return Registry().count();
 }
 
 std::string CStoragePath::GetInstallPath() const {

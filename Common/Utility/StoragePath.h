@@ -24,6 +24,9 @@ enum StoragePathModule : int32_t {
   STORAGE_PATH_MODULE_UI = 3,           // ".ui/"
 };
 
+template <typename T>
+class CSingletonRegistry;
+
 class CStoragePath {
  public:
   // Lifetime.
@@ -72,6 +75,9 @@ class CStoragePath {
   ResultCode GetTempPath(std::string& path, size_t maxLength) const;
 
  private:
+  // The last release deletes the instance.
+  friend class CSingletonRegistry<CStoragePath>;
+
   explicit CStoragePath(ResultCode* result);
   ~CStoragePath();
   CStoragePath(const CStoragePath&) = delete;

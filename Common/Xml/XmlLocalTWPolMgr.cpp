@@ -6,6 +6,7 @@
 #include "Common/Log/Log.h"
 #include "Common/Log/ManualLock.h"
 #include "Common/Utility/InstanceSmartPtr.h"
+#include "Common/Utility/SingletonRegistry.h"
 #include "Common/Utility/StoragePath.h"
 #include "Common/Utility/sysutils.h"
 #include "Common/Xml/XmlParser.h"
@@ -95,13 +96,9 @@ bool IsTrue(const std::string& value) {
   return value == "true";
 }
 
-// Process-wide singleton state, changed only under the lock.
-XmlLocalTWPolMgr* g_instance = nullptr;
-uint32_t g_acquisitionCount = 0;
-
-CManualLock& InstanceLock() {
-  static CManualLock lock(500);
-  return lock;
+CSingletonRegistry<XmlLocalTWPolMgr>& Registry() {
+  static CSingletonRegistry<XmlLocalTWPolMgr> registry;
+  return registry;
 }
 
 }  // namespace
@@ -216,38 +213,26 @@ XmlLocalTWPolMgr::~XmlLocalTWPolMgr() = default;
 
 ResultCode XmlLocalTWPolMgr::CreateSingletonInstance(XmlLocalTWPolMgr** instance) {
   *instance = nullptr;
-  CManualLockGuard guard(InstanceLock());
-  if (g_instance != nullptr || g_acquisitionCount != 0)
+  CManualLockGuard guard(Registry().lock());
+  // Unlike the storage paths, a second creator is refused: it must acquire.
+  if (!Registry().vacant())
     return XMLLOCALTWPOLMGR_ERROR_ALREADY_INITIALIZED;
-  g_instance = new XmlLocalTWPolMgr();
-  g_acquisitionCount = 1;
-  *instance = g_instance;
+  XmlLocalTWPolMgr* created = new XmlLocalTWPolMgr();
+  Registry().install(created);
+  *instance = created;
   return 0;
 }
 
 XmlLocalTWPolMgr* XmlLocalTWPolMgr::AcquireInstance() {
-  CManualLockGuard guard(InstanceLock());
-  if (g_instance != nullptr)
-    ++g_acquisitionCount;
-  return g_instance;
+  return Registry().acquire();
 }
 
 void XmlLocalTWPolMgr::ReleaseInstance(XmlLocalTWPolMgr* instance) {
-  if (instance == nullptr)
-    return;
-  CManualLockGuard guard(InstanceLock());
-  if (instance == g_instance) {
-    const uint32_t before = g_acquisitionCount--;
-    if (before != 1)
-      return;
-    g_instance = nullptr;
-  }
-  delete instance;
+  Registry().release(instance);
 }
 
 uint32_t XmlLocalTWPolMgr::GetAcquisitionCount() {
-  CManualLockGuard guard(InstanceLock());
-  return g_acquisitionCount;
+  return Registry().count();
 }
 
 // Loading.

@@ -193,6 +193,9 @@ enum FipsState : uint32_t {
   FIPS_STATE_DISABLED = 2,
 };
 
+template <typename T>
+class CSingletonRegistry;
+
 class XmlLocalTWPolMgr : public XmlMgr {
  public:
   // The document's name, in the folder of getLocalSecurityPolicyDir.
@@ -250,6 +253,9 @@ class XmlLocalTWPolMgr : public XmlMgr {
   void attribute(const std::string& name, const std::string& value) override;
 
  private:
+  // The last release deletes the instance.
+  friend class CSingletonRegistry<XmlLocalTWPolMgr>;
+
   XmlLocalTWPolMgr();
   ~XmlLocalTWPolMgr() override;
   XmlLocalTWPolMgr(const XmlLocalTWPolMgr&) = delete;
