@@ -51,11 +51,14 @@ test-asan:
 	ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
 	  ctest --test-dir build-asan --output-on-failure -j $(JOBS) -E Slow
 
-# The tests that run threads at once, under ThreadSanitizer.
+# The tests that run threads at once, under ThreadSanitizer: only the test
+# programs that hold such suites are built.
+TSAN_TARGETS := keel_engine_test keel_ipc_test keel_utility_test keel_crypt_test
+
 test-tsan:
 	cmake -S . -B build-tsan $(CMAKE_FLAGS) -DKEEL_WERROR=ON -DKEEL_BENCH=OFF \
 	  -DKEEL_SANITIZE=thread
-	cmake --build build-tsan -j $(JOBS)
+	cmake --build build-tsan -j $(JOBS) --target $(TSAN_TARGETS)
 	TSAN_OPTIONS=halt_on_error=1 \
 	  ctest --test-dir build-tsan --output-on-failure -j $(JOBS) -R Concurren --no-tests=ignore
 

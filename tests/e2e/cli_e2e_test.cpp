@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/e2e/E2eSupport.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
@@ -77,25 +78,6 @@ std::string InvalidLocation(const std::string& location) {
          "\r\nThe destination folder does not exist.\r\n\r\n";
 }
 
-// Log records on standard output are whole lines ending in a bare line feed,
-// where console lines end in "\r\n"; they are taken out before comparing.
-std::string WithoutLogLines(const std::string& text) {
-  static const std::regex kLogLine(
-      "[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2} vtc_keelcli\\[[0-9]+\\]: "
-      "\\[[A-Z]+\\] [^\n]*\n");
-  std::string kept;
-  size_t start = 0;
-  while (start < text.size()) {
-    size_t end = text.find('\n', start);
-    end = end == std::string::npos ? text.size() : end + 1;
-    const std::string line = text.substr(start, end - start);
-    if (!std::regex_match(line, kLogLine))
-      kept += line;
-    start = end;
-  }
-  return kept;
-}
-
 bool StartsWith(const std::string& text, const std::string& prefix) {
   return text.compare(0, prefix.size(), prefix) == 0;
 }
@@ -103,7 +85,9 @@ bool StartsWith(const std::string& text, const std::string& prefix) {
 class KeelCliRun : public ::testing::Test {
  protected:
   void SetUp() override {
+    if (!keeltest::NamespacesAvailable()) GTEST_SKIP() << "private mount namespaces refused";
     ASSERT_FALSE(m_temp.path().empty());
+    fs::create_directories(m_temp.Sub("scratch"));
     fs::create_directories(m_temp.Sub("bin"));
     fs::create_directories(m_temp.Sub("home"));
     fs::create_directories(m_temp.Sub("work"));
@@ -116,24 +100,25 @@ class KeelCliRun : public ::testing::Test {
 
   // Runs keelcli with `args` in the work folder (or `cwd`); log lines are
   // taken out of its standard output.
+  // Runs keelcli with `args` in the work folder (or `cwd`), in a private
+  // mount namespace; log lines are taken out of its standard output.
   keeltest::CommandResult RunCli(const std::vector<std::string>& args, std::string cwd = "") {
     std::vector<std::string> argv{m_binary};
     argv.insert(argv.end(), args.begin(), args.end());
-    std::vector<std::string> env{"HOME=" + Home(), "VTC_LOGGING_OUTPUT=STDOUT"};
-    for (const char* name : {"PATH", "ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"}) {
-      if (const char* value = getenv(name))
-        env.push_back(std::string(name) + "=" + value);
-    }
-    keeltest::CommandResult result =
-        keeltest::Run(argv, env, cwd.empty() ? Work() : cwd, /*clearEnv=*/true);
-    result.out = WithoutLogLines(result.out);
+    const keeltest::IsolatedResult run = keeltest::RunIsolated(
+        argv, {"HOME=" + Home()}, cwd.empty() ? Work() : cwd, m_temp.Sub("scratch"));
+    keeltest::CommandResult result;
+    result.status = run.status;
+    result.out = run.out;
+    result.err = run.err;
     return result;
   }
 
   std::string Home() const { return m_temp.Sub("home"); }
   std::string Work() const { return m_temp.Sub("work"); }
 
-  keeltest::TempDir m_temp;
+  // Below the build folder: the namespace hides /tmp.
+  keeltest::TempDir m_temp{keeltest::IsolatedTreeBase()};
   std::string m_binary;
 };
 

@@ -16,9 +16,9 @@ namespace fs = std::filesystem;
 
 namespace keeltest {
 
-TempDir::TempDir() {
-  char pattern[] = "/tmp/keeltest.XXXXXX";
-  const char* made = mkdtemp(pattern);
+TempDir::TempDir(const std::string& base) {
+  std::string pattern = base + "/keeltest.XXXXXX";
+  const char* made = mkdtemp(&pattern[0]);
   m_path = made != nullptr ? made : "";
 }
 

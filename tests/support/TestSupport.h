@@ -18,7 +18,8 @@ namespace keeltest {
 // too). path() ends without "/".
 class TempDir {
  public:
-  TempDir();
+  // A folder below `base`, which must exist.
+  explicit TempDir(const std::string& base = "/tmp");
   ~TempDir();
   TempDir(const TempDir&) = delete;
   TempDir& operator=(const TempDir&) = delete;

@@ -14,6 +14,7 @@
 #include "Common/Utility/StoragePath.h"
 #include "Common/Utility/sysutils.h"
 #include "Common/Xml/XmlLocalTWPolMgr.h"
+#include "Common/i18n/MsgCatalog.h"
 #include "CommonCrypt/DeviceIDHash.h"
 #include "tools/KEEL/KEELEngine/implementations/KEELEngine.h"
 #include "tools/KEEL/KEELEngine/implementations/helperUtil.h"
@@ -84,9 +85,7 @@ int runCommandLine(int argc, char** argv) {
 
 }  // namespace
 
-const char* legalNotice() {
-  return "Copyright (c) 2026 Velon Networks. All rights reserved.";
-}
+const char* legalNotice() { return "Copyright (c) 2026 Velon Networks. All rights reserved."; }
 
 void cliPrint(const char* format, ...) {
   va_list arguments;
@@ -151,7 +150,11 @@ void printVersion() {
   cliPrint("Velon Tessel Client - Keel Reporting Tool %s %s.", kKeelVersion, "");
   cliPrint("%s", "");
   // The notice carries a line feed of its own, so one more empty line follows.
-  cliPrint("%s\n", legalNotice());
+  // The notice is the one line of the tool that a message catalogue may
+  // translate; the English text is its key.
+  std::string notice;
+  MsgCatalog::getMessage(legalNotice(), notice);
+  cliPrint("%s\n", notice.c_str());
 }
 
 int parseArguments(int argc, char** argv, bool* exitRequested, DeviceIdPrinter deviceIdPrinter) {

@@ -23,7 +23,8 @@ extern std::string g_bundleLocation;  // default from initialize, then -dst
 // The product's version text.
 extern const char* const kKeelVersion;
 
-// The one-line rights notice that ends the version text.
+// The one-line rights notice that ends the version text, in English: the
+// key under which a message catalogue may hold its translation.
 const char* legalNotice();
 
 // Writes the formatted text, then "\r\n", then flushes: standard output for
