@@ -1,0 +1,271 @@
+#include "tools/KEEL/KEELEngine/implementations/KEELEngine.h"
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <thread>
+
+#include <boost/asio/post.hpp>
+#include <boost/asio/thread_pool.hpp>
+
+#include "Common/Log/Log.h"
+#include "Common/Utility/Thread.h"
+#include "Common/Utility/sysutils.h"
+#include "Common/Zip/CZip.h"
+#include "tools/KEEL/KEELEngine/implementations/collector.h"
+#include "tools/KEEL/KEELEngine/implementations/helperUtil.h"
+#include "tools/KEEL/KEELEngine/implementations/parser/KEELComponent.h"
+#include "tools/KEEL/KEELEngine/implementations/parser/KEELXmlLoader.h"
+#include "tools/KEEL/KEELEngine/implementations/parser/XMLObject.h"
+
+const char KEELEngine::kDefaultTempFolder[] = "/tmp/KEEL_Temp_Bundle";
+
+namespace {
+
+const unsigned kMaxPoolThreads = 6;
+
+void ReportProgress(int32_t percent, const char* message) {
+  helperUtil::reportStatus(percent, message, KEELOFFLINE_ERROR_PROCESSING);
+}
+
+// The log lines of a job print the address of the id text with "%i": only a
+// human reads them, and they are kept as they are.
+int IdTextAddress(const std::string& text) {
+  return static_cast<int>(reinterpret_cast<intptr_t>(text.c_str()));
+}
+
+}  // namespace
+
+KEELEngine::KEELEngine(const std::string& requestFile, const std::string& configFolder,
+                       const std::string& bundlePath, const std::string& archivePassword,
+                       bool clearMode, bool includeLegacyLogs, bool includeSystemLogs,
+                       const std::string& workingFolder)
+    : clearMode(clearMode),
+      requestFile(requestFile),
+      configFolder(configFolder),
+      tempFolder(helperUtil::translatePath(workingFolder)),
+      bundlePath(bundlePath),
+      archivePassword(archivePassword),
+      includeSystemLogs(includeSystemLogs),
+      includeLegacyLogs(includeLegacyLogs) {}
+
+KEELEngine::~KEELEngine() {
+  for (XMLObject* document : configDocs) delete document;
+  configDocs.clear();
+  configMgr.reset();
+  requestMgr.reset();  // owns the request document, if there was one
+  emptyRequest.reset();
+  clearCollector.reset();
+}
+
+ResultCode KEELEngine::run() { return clearMode ? clearLogs() : runCollectorThreads(); }
+
+ResultCode KEELEngine::fail(ResultCode code, const std::string& message) {
+  helperUtil::reportStatus(0, message, code);
+  helperUtil::fileDeleteDirectory(tempFolder);
+  return code;
+}
+
+std::shared_ptr<collector> KEELEngine::makeCollector() {
+  return std::make_shared<collector>(request, &unprocessedIds, bundlePath, includeLegacyLogs,
+                                     includeSystemLogs);
+}
+
+ResultCode KEELEngine::loadRequest() {
+  XMLObjectList loaded;
+  requestMgr->Load(requestFile, KEELXmlLoader::kTypeFile, loaded);
+  if (loaded.size() == 1) {
+    request = loaded.front();
+    KEELComponent* root = request->GetRoot();
+    if (root == nullptr) {
+      KLOG_E("request XML has no root");
+      return fail(KEELENGINE_ERROR_NULL_POINTER, "Internal Error: KEEL has encountered an error...");
+    }
+    for (const auto& child : root->GetChildren()) {
+      if (child != nullptr && child->GetName() == "file") unprocessedIds.push_back(child.get());
+    }
+    return 0;
+  }
+  if (!requestFile.empty()) {
+    KLOG_E("invalid request XML \"%s\"", requestFile.c_str());
+    return fail(KEELENGINE_ERROR_INVALID_XML,
+                "Internal Error: invalid request XML, please contact your administrator, or run "
+                "in default mode");
+  }
+  // No request: an empty document, whose missing root asks every collector
+  // for the default selection.
+  emptyRequest.reset(new XMLObject());
+  request = emptyRequest.get();
+  return 0;
+}
+
+void KEELEngine::loadConfigs() {
+  configMgr->Load(helperUtil::getConfigFolder(configFolder), KEELXmlLoader::kTypeFolder,
+                  configDocs);
+}
+
+ResultCode KEELEngine::prepareWorkingFolder() {
+  const ResultCode cleared = helperUtil::fileDeleteDirectory(tempFolder);
+  if (cleared != 0) {
+    KLOG_RC(LOG_LEVEL_W, "helperUtil::fileDeleteDirectory", cleared);
+    // A missing folder is reported as access denied, so an ordinary run
+    // takes a fresh name as well; only a folder that was there and could be
+    // deleted is worked in under the plain name.
+    if (cleared != KEELENGINE_ERROR_FILE_NOT_FOUND) {
+      tempFolder += "_" + getTimeNowString(1) + "_" + std::to_string(helperUtil::randomNumber());
+    }
+  }
+  const ResultCode made = helperUtil::MakeDirectory(tempFolder);
+  if (made != 0) {
+    KLOG_RC(LOG_LEVEL_E, "helperUtil::MakeDirectory", made);
+    return fail(made, "Internal Error: failed to create temporary working folder...");
+  }
+  return 0;
+}
+
+ResultCode KEELEngine::runCollectorThreads() {
+  ReportProgress(1, "Starting up KEEL Engine...");
+  configMgr.reset(new KEELXmlLoader());
+  requestMgr.reset(new KEELXmlLoader());
+  ReportProgress(1, "Parsing request and configuration XMLs...");
+  ResultCode result = loadRequest();
+  if (result != 0) return result;
+
+  loadConfigs();
+  helperUtil::setConfigCount(static_cast<uint32_t>(configDocs.size()));
+  if (configDocs.empty()) {
+    KLOG_E("no valid configuration XML found");
+    return fail(KEELENGINE_ERROR_INTERNAL, "Internal Error: no valid configuration XML found...");
+  }
+  failedConfigs = configMgr->getFailedFiles();
+
+  result = prepareWorkingFolder();
+  if (result != 0) return result;
+
+  ReportProgress(4, "Reading instructions ...");
+  collectAll(poolSize(static_cast<int>(std::thread::hardware_concurrency())));
+
+  result = 0;
+  // Bare counts are compared: one entry per unparsed file or failed group
+  // against one per parsed config.
+  if (!failedConfigs.empty() && failedConfigs.size() == configDocs.size()) {
+    KLOG_E("all configs failed");
+    return fail(KEELENGINE_ERROR_INTERNAL, "Internal Error: all configs failed...");
+  }
+  const ResultCode written = writeFailedFilesToSummary(tempFolder + "/" + "summary.txt");
+  if (written != 0) KLOG_RC(LOG_LEVEL_W, "KEELEngine::writeFailedFilesToSummary", written);
+
+  ReportProgress(96, "Zipping the bundle, please wait...");
+  const std::string extension = helperUtil::splitAfterLast(bundlePath, ".");
+  if (extension != "zip") bundlePath += ".zip";
+  result = CZip::Zip(tempFolder, bundlePath, archivePassword, true);
+  if (result != 0) {
+    KLOG_RC(LOG_LEVEL_E, "CZip::Zip", result);
+    return fail(KEELENGINE_ERROR_WRITE_FAILURE, "Internal Error: failed to zip the bundle...");
+  }
+  helperUtil::fileDeleteDirectory(tempFolder);
+  helperUtil::reportStatus(100, "KEEL has finished... ", KEELOFFLINE_ERROR_PROCESSING);
+  helperUtil::reportStatus(0, "", 0);
+  return result;
+}
+
+unsigned KEELEngine::poolSize(int hardwareConcurrency) {
+  int threads = hardwareConcurrency;
+  if (threads > static_cast<int>(kMaxPoolThreads)) threads = kMaxPoolThreads;
+  if (threads <= 0) threads = 1;
+  return static_cast<unsigned>(threads);
+}
+
+void KEELEngine::collectAll(unsigned threads) {
+  boost::asio::thread_pool pool(threads);
+  int32_t index = 0;
+  for (XMLObject* document : configDocs) {
+    if (document != nullptr) {
+      std::shared_ptr<collector> job = makeCollector();
+      std::shared_ptr<KEELEngine> self = shared_from_this();
+      boost::asio::post(pool, [self, document, index, job] {
+        self->collectLog(document, index, job);
+      });
+    }
+    ++index;  // a null entry uses up its index too
+  }
+  pool.join();
+}
+
+void KEELEngine::collectLog(XMLObject* document, int32_t index, std::shared_ptr<collector> job) {
+  const std::string startId = currentThreadIdText();
+  KLOG_I("Thread %i Starting Collection", IdTextAddress(startId));
+  const ResultCode result = job->Collect(tempFolder, document);
+  if (result != 0) {
+    std::list<KEELComponent*> groups;
+    document->FindAll(document->GetRoot(), "fileGroup", groups);
+    std::list<std::string> titles;
+    for (KEELComponent* group : groups) {
+      if (group == nullptr) continue;
+      KEELComponent* title = group->FindChild("title");
+      titles.push_back(title != nullptr ? title->GetValue() : "Unknown_" + std::to_string(index));
+    }
+    std::lock_guard<std::mutex> lock(failedListLock);
+    failedConfigs.splice(failedConfigs.end(), titles);
+  }
+  helperUtil::incrementDoneCount();
+  const std::string endId = currentThreadIdText();
+  KLOG_I("Thread %i Completed Collection. Looking for a new task...", IdTextAddress(endId));
+}
+
+std::list<std::string> KEELEngine::failedConfigList() {
+  std::lock_guard<std::mutex> lock(failedListLock);
+  return failedConfigs;
+}
+
+ResultCode KEELEngine::writeFailedFilesToSummary(const std::string& path) {
+  FILE* file = fopen(path.c_str(), "a");
+  if (file == nullptr) {
+    KLOG_E("Could not open file \"%s\"", path.c_str());
+    return KEELENGINE_ERROR_FILE_OPEN_FAILURE;
+  }
+  if (!failedConfigs.empty()) {
+    static const std::string rule(100, '=');
+    fprintf(file, "\n%.*s\n", 100, rule.c_str());
+    fprintf(file, "KEELEngine failed to parse or use the following configuration files:\n");
+    for (const std::string& name : failedConfigs) fprintf(file, "%s\n", name.c_str());
+  }
+  // The test reads the opposite of its heading, and is kept so: every run
+  // without a request ends with the heading and nothing under it.
+  if (!unprocessedIds.empty()) {
+    fclose(file);
+    return 0;
+  }
+  fprintf(file, "\n\nNo instruction found in any config for the following file ID's from request:\n");
+  for (KEELComponent* entry : unprocessedIds) {
+    KEELAttribute* id = entry != nullptr ? entry->FindAttribute("id") : nullptr;
+    if (id == nullptr || id->GetValue() == "comments" || id->GetValue() == "summary") continue;
+    fprintf(file, "%s\n", id->GetValue().c_str());
+  }
+  fclose(file);
+  return 0;
+}
+
+ResultCode KEELEngine::clearLogs() {
+  ReportProgress(1, "Starting up KEEL Engine...");
+  if (!configMgr) {
+    configMgr.reset(new KEELXmlLoader());
+    loadConfigs();
+  }
+  if (configDocs.empty()) {
+    helperUtil::setConfigCount(0);
+    KLOG_E("no valid configuration XML found");
+    return fail(KEELENGINE_ERROR_INTERNAL, "Internal Error: no valid configuration XML found...");
+  }
+  helperUtil::setConfigCount(static_cast<uint32_t>(configDocs.size()));
+  if (!clearCollector) {
+    clearCollector.reset(
+        new collector(request, &unprocessedIds, bundlePath, includeLegacyLogs, includeSystemLogs));
+  }
+  for (XMLObject* document : configDocs) {
+    if (document != nullptr) clearCollector->Clear(document);
+  }
+  helperUtil::reportStatus(100, "KEEL has finished... ", KEELOFFLINE_ERROR_PROCESSING);
+  helperUtil::reportStatus(0, "", 0);
+  return 0;
+}

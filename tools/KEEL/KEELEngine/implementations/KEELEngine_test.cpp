@@ -1,0 +1,327 @@
+#include "tools/KEEL/KEELEngine/implementations/KEELEngine.h"
+
+#include <regex>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "tests/support/TestSupport.h"
+#include "tools/KEEL/KEELEngine/implementations/helperUtil.h"
+#include "tools/KEEL/KEELEngine/implementations/parser/KEELXmlLoader.h"
+#include "tools/KEEL/KEELEngine/implementations/parser/XMLObject.h"
+
+namespace {
+
+using keeltest::ListDir;
+using keeltest::PathExists;
+using keeltest::ReadFile;
+using keeltest::Shell;
+using keeltest::TempDir;
+using keeltest::WriteFile;
+
+// A config whose one instruction copies `source` (a file pattern).
+std::string CopyConfig(const std::string& title, const std::string& id, const std::string& source,
+                       const std::string& directoryName = "") {
+  const std::string folder =
+      directoryName.empty() ? "" : " directoryName=\"" + directoryName + "\"";
+  return "<?xml version=\"1.0\"?>\n<config><configure><title>" + title +
+         "</title></configure>\n<fileGroup treeRootName=\"" + title + "\"" + folder +
+         "><title>" + title + "</title>\n<file id=\"" + id +
+         "\"><description>copy " + id +
+         "</description><default>true</default><keel><os opsys=\"linux\"><file_copy_action>"
+         "<action><loc>" +
+         source + "</loc></action></file_copy_action></os></keel></file></fileGroup></config>\n";
+}
+
+// Parses `text` into a document that the engine may own.
+XMLObject* Parse(const std::string& text) {
+  KEELXmlLoader loader;
+  XMLObjectList documents;
+  EXPECT_NE(loader.Load(text, KEELXmlLoader::kTypeText, documents), nullptr);
+  return documents.empty() ? nullptr : new XMLObject(*documents.front());
+}
+
+// The entry names of a zip file, as Python's zipfile reads them.
+std::vector<std::string> ZipNames(const std::string& archive) {
+  const std::string out = Shell("python3 -c 'import sys,zipfile; z=zipfile.ZipFile(sys.argv[1]); "
+                                "assert z.testzip() is None; print(\"\\n\".join(sorted(z.namelist())))' '" +
+                                archive + "'");
+  std::vector<std::string> names;
+  size_t start = 0;
+  for (size_t end; (end = out.find('\n', start)) != std::string::npos; start = end + 1) {
+    if (end > start) names.push_back(out.substr(start, end - start));
+  }
+  return names;
+}
+
+class EngineTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    helperUtil::setCliMode(true);
+    ASSERT_TRUE(WriteFile(dir.Sub("src/a.log"), "alpha\n"));
+    ASSERT_TRUE(WriteFile(dir.Sub("src/b.log"), "beta\n"));
+    Shell("mkdir -p '" + dir.Sub("work") + "'");
+  }
+
+  void AddConfig(const std::string& name, const std::string& text) {
+    ASSERT_TRUE(WriteFile(dir.Sub("install/xml/config/" + name), text));
+  }
+
+  std::shared_ptr<KEELEngine> Engine(const std::string& bundle, bool clear = false) {
+    return std::make_shared<KEELEngine>("", dir.Sub("install"), bundle, "", clear, false, true,
+                                        dir.Sub("work/KEEL_Temp_Bundle"));
+  }
+
+  // Runs the engine and returns what it printed.
+  std::string RunEngine(const std::shared_ptr<KEELEngine>& engine, ResultCode* result) {
+    testing::internal::CaptureStdout();
+    *result = engine->run();
+    return testing::internal::GetCapturedStdout();
+  }
+
+  TempDir dir;
+};
+
+TEST(EnginePool, SizeIsTheHardwareConcurrencyCappedAtSix) {
+  EXPECT_EQ(KEELEngine::poolSize(8), 6u);
+  EXPECT_EQ(KEELEngine::poolSize(6), 6u);
+  EXPECT_EQ(KEELEngine::poolSize(2), 2u);
+  EXPECT_EQ(KEELEngine::poolSize(0), 1u);
+  EXPECT_EQ(KEELEngine::poolSize(-3), 1u);
+}
+
+TEST(EnginePool, NullEntryUsesUpAnIndex) {
+  TempDir dir;
+  auto engine = std::make_shared<KEELEngine>("", dir.path(), dir.Sub("b.zip"), "", false, false,
+                                             true, dir.Sub("w"));
+  // With no request loaded, every collector fails: the groups are named.
+  engine->adoptConfigDocument(nullptr);
+  engine->adoptConfigDocument(Parse("<c><fileGroup/></c>"));
+  engine->collectAll(1);
+  EXPECT_EQ(engine->failedConfigList(), (std::list<std::string>{"Unknown_1"}));
+}
+
+TEST(EnginePool, FailedConfigNamesEachGroupByTitle) {
+  TempDir dir;
+  auto engine = std::make_shared<KEELEngine>("", dir.path(), dir.Sub("b.zip"), "", false, false,
+                                             true, dir.Sub("w"));
+  engine->adoptConfigDocument(
+      Parse("<c><fileGroup><title>One</title></fileGroup><fileGroup><title>Two</title>"
+            "</fileGroup><fileGroup><title>Three</title></fileGroup></c>"));
+  const int32_t before = helperUtil::getDoneCount();
+  engine->collectAll(2);
+  EXPECT_EQ(engine->failedConfigList(), (std::list<std::string>{"One", "Two", "Three"}));
+  EXPECT_EQ(helperUtil::getDoneCount(), before + 1);
+}
+
+TEST(EnginePool, FailedConfigWithoutGroupsAddsNothingButCountsAsDone) {
+  TempDir dir;
+  auto engine = std::make_shared<KEELEngine>("", dir.path(), dir.Sub("b.zip"), "", false, false,
+                                             true, dir.Sub("w"));
+  engine->adoptConfigDocument(Parse("<c><other/></c>"));
+  const int32_t before = helperUtil::getDoneCount();
+  engine->collectAll(1);
+  EXPECT_TRUE(engine->failedConfigList().empty());
+  EXPECT_EQ(helperUtil::getDoneCount(), before + 1);
+}
+
+TEST(EnginePool, OneThreadRunsJobsStrictlyInListOrder) {
+  TempDir dir;
+  auto engine = std::make_shared<KEELEngine>("", dir.path(), dir.Sub("b.zip"), "", false, false,
+                                             true, dir.Sub("w"));
+  for (int i = 0; i < 5; ++i) {
+    engine->adoptConfigDocument(
+        Parse("<c><fileGroup><title>G" + std::to_string(i) + "</title></fileGroup></c>"));
+  }
+  engine->collectAll(KEELEngine::poolSize(0));
+  EXPECT_EQ(engine->failedConfigList(), (std::list<std::string>{"G0", "G1", "G2", "G3", "G4"}));
+}
+
+TEST(EnginePoolConcurrency, ManyJobsOnSixThreadsAllCount) {
+  TempDir dir;
+  auto engine = std::make_shared<KEELEngine>("", dir.path(), dir.Sub("b.zip"), "", false, false,
+                                             true, dir.Sub("w"));
+  for (int i = 0; i < 24; ++i) {
+    engine->adoptConfigDocument(Parse("<c><fileGroup/><fileGroup/></c>"));
+  }
+  const int32_t before = helperUtil::getDoneCount();
+  engine->collectAll(6);
+  EXPECT_EQ(engine->failedConfigList().size(), 48u);
+  EXPECT_EQ(helperUtil::getDoneCount(), before + 24);
+}
+
+TEST_F(EngineTest, NoConfigFailsBeforeAnyWorkingFolderIsMade) {
+  ResultCode result = 0;
+  const std::string out = RunEngine(Engine(dir.Sub("out/bundle.zip")), &result);
+  EXPECT_EQ(result, KEELENGINE_ERROR_INTERNAL);
+  EXPECT_NE(out.find("\r\nInternal Error: no valid configuration XML found...\r\n"),
+            std::string::npos);
+  EXPECT_TRUE(ListDir(dir.Sub("work")).empty());
+  EXPECT_FALSE(PathExists(dir.Sub("out/bundle.zip")));
+}
+
+TEST_F(EngineTest, FreshWorkingFolderWhenThePlainOneIsMissing) {
+  AddConfig("one.xml", CopyConfig("One", "one", dir.Sub("src/a.log")));
+  auto engine = Engine(dir.Sub("bundle.zip"));
+  ResultCode result = 1;
+  const std::string out = RunEngine(engine, &result);
+  EXPECT_EQ(result, 0u);
+  EXPECT_TRUE(std::regex_match(
+      engine->workingFolder(),
+      std::regex(dir.Sub("work/KEEL_Temp_Bundle__\\d{4}_\\d{4}_\\d{1,5}"))))
+      << engine->workingFolder();
+  // The fresh folder was zipped and then removed: it held no sub-folder.
+  EXPECT_FALSE(PathExists(engine->workingFolder()));
+  EXPECT_EQ(ZipNames(dir.Sub("bundle.zip")), (std::vector<std::string>{"a.log", "summary.txt"}));
+  EXPECT_NE(out.find("\rKEEL has finished... "), std::string::npos);
+  EXPECT_EQ(out.substr(out.size() - 4), "\r\n\r\n");
+}
+
+TEST_F(EngineTest, PlainFolderWithOnlyFilesIsDeletedAndUsed) {
+  AddConfig("one.xml", CopyConfig("One", "one", dir.Sub("src/a.log")));
+  ASSERT_TRUE(WriteFile(dir.Sub("work/KEEL_Temp_Bundle/stale.txt"), "old"));
+  auto engine = Engine(dir.Sub("bundle.zip"));
+  ResultCode result = 1;
+  RunEngine(engine, &result);
+  EXPECT_EQ(result, 0u);
+  EXPECT_EQ(engine->workingFolder(), dir.Sub("work/KEEL_Temp_Bundle"));
+  EXPECT_EQ(ZipNames(dir.Sub("bundle.zip")), (std::vector<std::string>{"a.log", "summary.txt"}));
+}
+
+TEST_F(EngineTest, PlainFolderWithASubFolderMakesTheRunTakeAFreshName) {
+  AddConfig("one.xml", CopyConfig("One", "one", dir.Sub("src/a.log")));
+  ASSERT_TRUE(WriteFile(dir.Sub("work/KEEL_Temp_Bundle/sub/x.txt"), "x"));
+  auto engine = Engine(dir.Sub("bundle.zip"));
+  ResultCode result = 1;
+  RunEngine(engine, &result);
+  EXPECT_EQ(result, 0u);
+  EXPECT_NE(engine->workingFolder(), dir.Sub("work/KEEL_Temp_Bundle"));
+  EXPECT_TRUE(PathExists(dir.Sub("work/KEEL_Temp_Bundle/sub/x.txt")));
+  EXPECT_EQ(ZipNames(dir.Sub("bundle.zip")), (std::vector<std::string>{"a.log", "summary.txt"}));
+}
+
+TEST_F(EngineTest, SubFoldersOfInstructionsOutliveTheRun) {
+  AddConfig("one.xml", CopyConfig("One", "one", dir.Sub("src/a.log"), "logs"));
+  auto engine = Engine(dir.Sub("bundle.zip"));
+  ResultCode result = 1;
+  RunEngine(engine, &result);
+  EXPECT_EQ(result, 0u);
+  EXPECT_EQ(ZipNames(dir.Sub("bundle.zip")),
+            (std::vector<std::string>{"logs/a.log", "summary.txt"}));
+  // The files directly in the folder are gone; the sub-folder stays.
+  EXPECT_EQ(ListDir(engine->workingFolder()), (std::vector<std::string>{"logs"}));
+  EXPECT_EQ(ListDir(engine->workingFolder() + "/logs"), (std::vector<std::string>{"a.log"}));
+}
+
+TEST_F(EngineTest, BundlePathGetsZipUnlessItEndsInZip) {
+  AddConfig("one.xml", CopyConfig("One", "one", dir.Sub("src/a.log")));
+  ResultCode result = 1;
+  RunEngine(Engine(dir.Sub("report.tar")), &result);
+  EXPECT_EQ(result, 0u);
+  EXPECT_TRUE(PathExists(dir.Sub("report.tar.zip")));
+  RunEngine(Engine(dir.Sub("x.ZIP")), &result);
+  EXPECT_TRUE(PathExists(dir.Sub("x.ZIP.zip")));
+  RunEngine(Engine(dir.Sub("y.zip")), &result);
+  EXPECT_TRUE(PathExists(dir.Sub("y.zip")));
+  EXPECT_FALSE(PathExists(dir.Sub("y.zip.zip")));
+}
+
+TEST_F(EngineTest, DefaultRunEndsWithTheNoInstructionHeading) {
+  AddConfig("one.xml", CopyConfig("One", "one", dir.Sub("src/a.log")));
+  ResultCode result = 1;
+  RunEngine(Engine(dir.Sub("bundle.zip")), &result);
+  ASSERT_EQ(result, 0u);
+  Shell("cd '" + dir.path() + "' && mkdir x && cd x && unzip -q ../bundle.zip");
+  const std::string summary = ReadFile(dir.Sub("x/summary.txt"));
+  const std::string heading =
+      "\n\nNo instruction found in any config for the following file ID's from request:\n";
+  ASSERT_GE(summary.size(), heading.size());
+  EXPECT_EQ(summary.substr(summary.size() - heading.size()), heading);
+  EXPECT_EQ(summary.find("KEELEngine failed to parse"), std::string::npos);
+}
+
+TEST_F(EngineTest, OneGoodConfigBesideOneBrokenFileCountsAsAllFailed) {
+  AddConfig("good.xml", CopyConfig("Good", "good", dir.Sub("src/a.log")));
+  AddConfig("broken.xml", "<config><fileGroup></config>");
+  ResultCode result = 0;
+  auto engine = Engine(dir.Sub("bundle.zip"));
+  const std::string out = RunEngine(engine, &result);
+  EXPECT_EQ(result, KEELENGINE_ERROR_INTERNAL);
+  EXPECT_NE(out.find("\r\nInternal Error: all configs failed...\r\n"), std::string::npos);
+  EXPECT_FALSE(PathExists(dir.Sub("bundle.zip")));
+  EXPECT_FALSE(PathExists(engine->workingFolder()));
+}
+
+TEST_F(EngineTest, BrokenFileBesideTwoGoodConfigsIsNamedInTheSummary) {
+  AddConfig("good1.xml", CopyConfig("Good1", "g1", dir.Sub("src/a.log")));
+  AddConfig("good2.xml", CopyConfig("Good2", "g2", dir.Sub("src/b.log")));
+  AddConfig("broken.xml", "<config><fileGroup></config>");
+  ResultCode result = 1;
+  RunEngine(Engine(dir.Sub("bundle.zip")), &result);
+  ASSERT_EQ(result, 0u);
+  Shell("cd '" + dir.path() + "' && mkdir x && cd x && unzip -q ../bundle.zip");
+  const std::string summary = ReadFile(dir.Sub("x/summary.txt"));
+  const std::string tail = "\n" + std::string(100, '=') +
+                           "\nKEELEngine failed to parse or use the following configuration "
+                           "files:\n" +
+                           dir.Sub("install/xml/config/broken.xml") +
+                           "\n\n\nNo instruction found in any config for the following file "
+                           "ID's from request:\n";
+  ASSERT_GE(summary.size(), tail.size());
+  EXPECT_EQ(summary.substr(summary.size() - tail.size()), tail);
+}
+
+TEST_F(EngineTest, ClearRunShowsNoClearingLine) {
+  ASSERT_TRUE(WriteFile(dir.Sub("logs/x.log"), "x"));
+  AddConfig("clear.xml",
+            "<c><fileGroup><file id=\"c\"><description>clear me</description><default>true"
+            "</default><keel><os opsys=\"linux\"><file_copy_action><action><loc>" +
+                dir.Sub("logs/*.log") +
+                "</loc><clear_log apply=\"true\"/></action></file_copy_action></os></keel></file>"
+                "</fileGroup></c>");
+  ResultCode result = 1;
+  const std::string out = RunEngine(Engine("", true), &result);
+  EXPECT_EQ(result, 0u);
+  EXPECT_EQ(out.find("Clearing"), std::string::npos);
+  EXPECT_FALSE(PathExists(dir.Sub("logs/x.log")));
+  EXPECT_TRUE(ListDir(dir.Sub("work")).empty());
+  EXPECT_NE(out.find("\rKEEL has finished... "), std::string::npos);
+}
+
+TEST_F(EngineTest, RequestRenamingTheSummaryLeavesTheTailInSummaryTxt) {
+  AddConfig("one.xml", CopyConfig("One", "one", dir.Sub("src/a.log")));
+  ASSERT_TRUE(WriteFile(dir.Sub("request.xml"),
+                        "<request><file id=\"one\"/><file id=\"summary\"><name>report.txt</name>"
+                        "</file></request>"));
+  auto engine = std::make_shared<KEELEngine>(dir.Sub("request.xml"), dir.Sub("install"),
+                                             dir.Sub("bundle.zip"), "", false, false, true,
+                                             dir.Sub("work/KEEL_Temp_Bundle"));
+  ResultCode result = 1;
+  RunEngine(engine, &result);
+  ASSERT_EQ(result, 0u);
+  EXPECT_EQ(ZipNames(dir.Sub("bundle.zip")),
+            (std::vector<std::string>{"a.log", "report.txt", "summary.txt"}));
+  Shell("cd '" + dir.path() + "' && mkdir x && cd x && unzip -q ../bundle.zip");
+  EXPECT_NE(ReadFile(dir.Sub("x/report.txt")).find("One:\n\nFiles Included in Bundle:\n"),
+            std::string::npos);
+  // The request entry "one" was served, so the tail has no heading at all.
+  EXPECT_EQ(ReadFile(dir.Sub("x/summary.txt")), "");
+}
+
+TEST_F(EngineTest, UnusableRequestFileStopsTheRun) {
+  AddConfig("one.xml", CopyConfig("One", "one", dir.Sub("src/a.log")));
+  ASSERT_TRUE(WriteFile(dir.Sub("request.xml"), "<request>"));
+  auto engine = std::make_shared<KEELEngine>(dir.Sub("request.xml"), dir.Sub("install"),
+                                             dir.Sub("bundle.zip"), "", false, false, true,
+                                             dir.Sub("work/KEEL_Temp_Bundle"));
+  ResultCode result = 0;
+  const std::string out = RunEngine(engine, &result);
+  EXPECT_EQ(result, KEELENGINE_ERROR_INVALID_XML);
+  EXPECT_NE(out.find("\r\nInternal Error: invalid request XML, please contact your "
+                     "administrator, or run in default mode\r\n"),
+            std::string::npos);
+  EXPECT_TRUE(ListDir(dir.Sub("work")).empty());
+}
+
+}  // namespace

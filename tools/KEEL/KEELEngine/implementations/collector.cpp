@@ -1,0 +1,583 @@
+#include "tools/KEEL/KEELEngine/implementations/collector.h"
+
+#include <algorithm>
+#include <cctype>
+#include <chrono>
+#include <fstream>
+#include <thread>
+
+#include "Common/Log/Log.h"
+#include "Common/Utility/HostOSInfo.h"
+#include "Common/Utility/Thread.h"
+#include "Common/Utility/sysutils.h"
+#include "tools/KEEL/KEELEngine/implementations/KEELAction.h"
+#include "tools/KEEL/KEELEngine/implementations/helperUtil.h"
+#include "tools/KEEL/KEELEngine/implementations/parser/KEELComponent.h"
+#include "tools/KEEL/KEELEngine/implementations/parser/XMLObject.h"
+#include "tools/KEEL/KEELEngine/implementations/truncator.h"
+
+namespace {
+
+const char kDefaultTempFolder[] = "/tmp/KEEL_Temp_Bundle";
+const char kLegacyGroupName[] = "Legacy - Velon Tidewalker Tessel Mobility Client";
+const char kKeelConst[] = "keel";
+
+// Column widths of the summary's tables.
+const int kIdWidth = 17;
+const int kNameWidth = 28;
+const int kDescriptionWidth = 40;
+const int kSizeWidth = 10;
+const int kReasonWidth = 50;
+const int kIncludedRuleWidth = 101;
+const int kOmittedRuleWidth = 141;
+const char kRowFormat[] = "%-*.*s  %-*.*s  %-*.*s  %-*.*s\n";
+
+const std::string& Rule(char c) {
+  static const std::string equals(kOmittedRuleWidth, '=');
+  static const std::string dashes(kOmittedRuleWidth, '-');
+  return c == '=' ? equals : dashes;
+}
+
+// Once-only flags of the process: the head of summary.txt and the comments.
+std::once_flag g_summaryHeadOnce;
+std::once_flag g_commentsOnce;
+
+const SummaryHost& DefaultSummaryHost() {
+  static const SummaryHost host;
+  return host;
+}
+
+std::string AttributeValue(KEELComponent* component, const char* name) {
+  if (component == nullptr) return std::string();
+  KEELAttribute* attribute = component->FindAttribute(name);
+  return attribute != nullptr ? attribute->GetValue() : std::string();
+}
+
+bool HasAttribute(KEELComponent* component, const char* name) {
+  return component != nullptr && component->FindAttribute(name) != nullptr;
+}
+
+// The value of the first descendant of that name, or empty.
+std::string ChildValue(KEELComponent* component, const char* name) {
+  if (component == nullptr) return std::string();
+  KEELComponent* child = component->FindChild(name);
+  return child != nullptr ? child->GetValue() : std::string();
+}
+
+std::vector<KEELComponent*> DirectChildrenNamed(KEELComponent* parent, const char* name) {
+  std::vector<KEELComponent*> found;
+  if (parent == nullptr) return found;
+  for (const auto& child : parent->GetChildren()) {
+    if (child != nullptr && child->GetName() == name) found.push_back(child.get());
+  }
+  return found;
+}
+
+bool IsSystemLogId(const std::string& id) {
+  return id == "system-logs" || id == "system-log-hist";
+}
+
+}  // namespace
+
+std::string SummaryHost::timeNow() const { return getTimeNowString(3); }
+std::string SummaryHost::osDescription() const { return helperUtil::getOsDescription(); }
+std::string SummaryHost::userName() const { return helperUtil::getSessionUser(); }
+std::string SummaryHost::absolutePath(const std::string& path) const {
+  return helperUtil::toAbsolutePath(path);
+}
+
+collector::collector(XMLObject* request, std::list<KEELComponent*>* unprocessedIds,
+                     const std::string& bundlePath, bool includeLegacyLogs,
+                     bool includeSystemLogs)
+    : m_pXMLRequest(request),
+      unprocessedIds_(unprocessedIds),
+      bundlePath_(bundlePath),
+      includeLegacyLogs_(includeLegacyLogs),
+      includeSystemLogs_(includeSystemLogs),
+      isAdmin_(helperUtil::isUserAdmin()),
+      host_(&DefaultSummaryHost()) {
+  (void)constructed_;
+}
+
+collector::~collector() { delete m_pXMLSummary; }
+
+std::mutex& collector::summaryLock() {
+  static std::mutex lock;
+  return lock;
+}
+
+void collector::setSummaryHost(const SummaryHost* host) {
+  host_ = host != nullptr ? host : &DefaultSummaryHost();
+}
+
+// ---- Selection ------------------------------------------------------------
+
+std::vector<KEELComponent*> collector::getFileGroupComponents(XMLObject& document) {
+  if (document.GetRoot() == nullptr) {
+    KLOG_E("rXMLObject.GetRoot() is NULL");
+    return {};
+  }
+  return DirectChildrenNamed(document.GetRoot(), "fileGroup");
+}
+
+std::vector<KEELComponent*> collector::getFileComponents(XMLObject& document) {
+  if (document.GetRoot() == nullptr) {
+    KLOG_E("rXMLObject.GetRoot() is NULL");
+    return {};
+  }
+  return DirectChildrenNamed(document.GetRoot(), "file");
+}
+
+std::vector<KEELComponent*> collector::getFileGroupFileComponents(KEELComponent* fileGroup) {
+  if (fileGroup == nullptr || fileGroup->GetName() != "fileGroup") {
+    KLOG_E("unexpected KEEL component type; expected fileGroup type");
+    return {};
+  }
+  return DirectChildrenNamed(fileGroup, "file");
+}
+
+void collector::sortById(std::vector<KEELComponent*>& files) {
+  std::stable_sort(files.begin(), files.end(), [](KEELComponent* a, KEELComponent* b) {
+    // A side without an id is never less, so both keep their places.
+    if (!HasAttribute(a, "id") || !HasAttribute(b, "id")) return false;
+    return AttributeValue(a, "id") < AttributeValue(b, "id");
+  });
+}
+
+bool collector::isDefault(KEELComponent* file) {
+  KEELComponent* flag = file != nullptr ? file->FindChild("default") : nullptr;
+  return flag != nullptr && flag->GetValue() == "true";
+}
+
+ResultCode collector::Collect(std::string& tempFolder, XMLObject* config) {
+  if (m_pXMLRequest == nullptr) {
+    KLOG_E("m_pXMLRequest is NULL");
+    return KEELENGINE_ERROR_NOT_INITIALIZED;
+  }
+  if (config == nullptr) {
+    KLOG_E("pXMLObjectConfig is NULL");
+    return KEELENGINE_ERROR_BAD_PARAMETER;
+  }
+  ResultCode result = initializeSummary();
+  if (result != 0) {
+    KLOG_RC(LOG_LEVEL_E, "collector::initializedSummary", result);
+    return result;
+  }
+  ActionSettings settings;
+  settings.m_pXMLSummary = m_pXMLSummary;
+  if (tempFolder.empty()) tempFolder = helperUtil::translatePath(kDefaultTempFolder);
+  if (m_pXMLRequest->GetRoot() != nullptr) {
+    selectByRequest(tempFolder, *config, settings);
+  } else {
+    selectByDefault(tempFolder, *config, settings);
+  }
+  result = writeSummary(tempFolder, config);
+  if (result != 0) {
+    KLOG_RC(LOG_LEVEL_E, "collector::writeSummary", result);
+    return result;
+  }
+  delete m_pXMLSummary;
+  m_pXMLSummary = nullptr;
+  return 0;
+}
+
+void collector::selectByDefault(std::string& tempFolder, XMLObject& config,
+                                ActionSettings& settings) {
+  for (KEELComponent* group : getFileGroupComponents(config)) {
+    const bool legacyGroup = includeLegacyLogs_ && HasAttribute(group, "treeRootName") &&
+                             AttributeValue(group, "treeRootName") == kLegacyGroupName;
+    std::vector<KEELComponent*> files = getFileGroupFileComponents(group);
+    sortById(files);
+    const std::string groupFolder = getDirectory(group, tempFolder);
+    for (KEELComponent* file : files) {
+      const std::string id = AttributeValue(file, "id");
+      if (!includeSystemLogs_ && IsSystemLogId(id)) continue;
+      if (!isDefault(file) && !legacyGroup) {
+        helperUtil::fillSummaryNote(
+            m_pXMLSummary,
+            "The file(s) of ID " + id + " is/are not included by default by this config.");
+        continue;
+      }
+      const ResultCode result = moveReaderToCorrectOS(file);
+      if (result != 0) {
+        KLOG_RC(LOG_LEVEL_I, "collector::moveReaderToCorrectOS", result);
+        continue;
+      }
+      settings.m_bundleFolder = getDirectory(file, groupFolder);
+      settings.m_bundleName.clear();
+      settings.m_fileId = id;
+      settings.m_description = ChildValue(file, "description");
+      runCollection(settings);
+    }
+  }
+}
+
+void collector::selectByRequest(std::string& tempFolder, XMLObject& config,
+                                ActionSettings& settings) {
+  std::vector<KEELComponent*> requested = getFileComponents(*m_pXMLRequest);
+  sortById(requested);
+  for (KEELComponent* group : getFileGroupComponents(config)) {
+    std::vector<KEELComponent*> offered = getFileGroupFileComponents(group);
+    sortById(offered);
+    const std::string groupFolder = getDirectory(group, tempFolder);
+    KEELComponent* commentsComponent = nullptr;
+    size_t position = 0;
+    for (KEELComponent* entry : requested) {
+      const std::string id = AttributeValue(entry, "id");
+      if (id == "comments") {
+        commentsComponent = entry;
+        continue;
+      }
+      if (id == "summary") {
+        if (summaryPath_.empty()) {
+          std::string name = ChildValue(entry, "name");
+          if (name.empty()) name = "summary.txt";
+          summaryPath_ = helperUtil::translatePath(tempFolder + "/" + name);
+        }
+        continue;
+      }
+      // Both lists are sorted: the position in `offered` only moves forward.
+      while (position < offered.size() && AttributeValue(offered[position], "id") < id) {
+        ++position;
+      }
+      if (position == offered.size() || AttributeValue(offered[position], "id") != id) continue;
+      KEELComponent* file = offered[position];
+      const ResultCode result = moveReaderToCorrectOS(file);
+      if (result != 0) {
+        KLOG_RC(LOG_LEVEL_I, "collector::moveReaderToCorrectOS", result);
+        continue;
+      }
+      settings.m_bundleFolder = getDirectory(file, groupFolder);
+      settings.m_fileId = AttributeValue(file, "id");
+      settings.m_bundleName = ChildValue(file, "name");
+      settings.m_description = ChildValue(file, "description");
+      runCollection(settings);
+      removeFromUnprocessedList(entry);
+    }
+    std::call_once(g_commentsOnce,
+                   [&] { writeComments(commentsComponent, tempFolder); });
+  }
+}
+
+void collector::runCollection(const ActionSettings& settings) {
+  KLOG_I("Thread %s Continuing Collection On %s", currentThreadIdText().c_str(),
+         settings.m_description.c_str());
+  {
+    std::lock_guard<std::mutex> lock(helperUtil::statusLock());
+    helperUtil::reportStatus(helperUtil::progressOf(helperUtil::getDoneCount()),
+                             "Processing " + settings.m_description + "...",
+                             KEELOFFLINE_ERROR_PROCESSING);
+  }
+  KEELCollectLogsAction action(settings, reader_, isAdmin_);
+  action.Perform(collectedFiles_);
+}
+
+ResultCode collector::Clear(XMLObject* config) {
+  if (config == nullptr) {
+    KLOG_E("pXMLObjectConfig is NULL");
+    return KEELENGINE_ERROR_BAD_PARAMETER;
+  }
+  ActionSettings settings;
+  settings.m_pXMLSummary = m_pXMLSummary;
+  for (KEELComponent* group : getFileGroupComponents(*config)) {
+    std::vector<KEELComponent*> files = getFileGroupFileComponents(group);
+    sortById(files);
+    for (KEELComponent* file : files) {
+      const std::string id = AttributeValue(file, "id");
+      if (!includeSystemLogs_ && IsSystemLogId(id)) continue;
+      if (!isDefault(file)) continue;
+      const ResultCode result = moveReaderToCorrectOS(file);
+      if (result != 0) {
+        KLOG_RC(LOG_LEVEL_I, "collector::moveReaderToCorrectOS", result);
+        continue;
+      }
+      settings.m_bundleName.clear();
+      settings.m_fileId = id;
+      settings.m_description = ChildValue(file, "description");
+      helperUtil::reportStatus(helperUtil::progressOf(helperUtil::getDoneCount()),
+                               "Clearing " + settings.m_description + "...",
+                               KEELOFFLINE_ERROR_PROCESSING);
+      sleepMillis(50);
+      KEELClearLogsAction action(settings, reader_);
+      action.Perform(collectedFiles_);
+    }
+  }
+  return 0;
+}
+
+std::string collector::getDirectory(KEELComponent* component, const std::string& parentFolder) {
+  std::string result = parentFolder;
+  if (component == nullptr ||
+      (component->GetName() != "fileGroup" && component->GetName() != "file")) {
+    KLOG_E("unexpected KEEL component type; expected fileGroup type");
+    return result;
+  }
+  if (!HasAttribute(component, "directoryName")) return result;
+  std::string relative = AttributeValue(component, "directoryName");
+  std::replace(relative.begin(), relative.end(), '\\', '/');
+  const std::string full = parentFolder + "/" + relative;
+  // One level at a time from the top. A folder that is there already counts
+  // as made, so jobs making the same folder at once do no harm.
+  for (size_t slash = full.find('/', 1); slash != std::string::npos;
+       slash = full.find('/', slash + 1)) {
+    if (helperUtil::MakeDirectory(full.substr(0, slash)) == 0) result = full;
+  }
+  if (helperUtil::MakeDirectory(full) == 0) result = full;
+  return result;
+}
+
+void collector::moveReaderToKEEL(KEELComponent* file) {
+  if (file == nullptr) {
+    KLOG_E("pDC is NULL");
+    return;
+  }
+  KEELComponent* keel = file->FindChild(kKeelConst);
+  if (keel == nullptr) {
+    KLOG_E("pDC->FindChild(KEEL_CONST) is NULL");
+    return;
+  }
+  reader_ = keel;
+}
+
+ResultCode collector::moveReaderToCorrectOS(KEELComponent* file) {
+  if (file == nullptr) {
+    KLOG_E("pDC is NULL");
+    return KEELENGINE_ERROR_BAD_PARAMETER;
+  }
+  moveReaderToKEEL(file);
+  if (reader_ == nullptr || reader_->GetChildren().empty()) return KEELENGINE_ERROR_INTERNAL;
+  // Walk a copy of the list: the reader moves during the walk.
+  std::vector<KEELComponent*> children;
+  for (const auto& child : reader_->GetChildren()) children.push_back(child.get());
+  for (KEELComponent* child : children) {
+    if (child == nullptr || child->GetName() != "os") continue;
+    const std::string opsys = AttributeValue(child, "opsys");
+    // Only "linux" can match on this platform; "mac", "win" and anything
+    // else never do.
+    if (opsys == "linux" && isLinux()) {
+      reader_ = child;
+      return 0;
+    }
+  }
+  return KEELENGINE_ERROR_INTERNAL;
+}
+
+void collector::removeFromUnprocessedList(KEELComponent* component) {
+  if (component == nullptr) {
+    KLOG_E("pDC is NULL");
+    return;
+  }
+  if (unprocessedIds_ != nullptr) {
+    auto found = std::find(unprocessedIds_->begin(), unprocessedIds_->end(), component);
+    if (found != unprocessedIds_->end()) {
+      unprocessedIds_->erase(found);
+      return;
+    }
+  }
+  helperUtil::fillSummaryNote(m_pXMLSummary,
+                              "WARNING: File ID " + AttributeValue(component, "id") +
+                                  " has duplicated instruction found in one of previous config "
+                                  "files");
+}
+
+ResultCode collector::writeComments(KEELComponent* commentsComponent,
+                                    const std::string& tempFolder) {
+  if (m_pXMLRequest == nullptr || m_pXMLRequest->GetRoot() == nullptr) return 0;
+  const std::string comments = ChildValue(m_pXMLRequest->GetRoot(), "comments");
+  if (comments.empty()) return 0;
+  std::string fileName = "comments.txt";
+  if (commentsComponent != nullptr && commentsComponent->FindChild("name") != nullptr) {
+    fileName = ChildValue(commentsComponent, "name");
+  }
+  const std::string path = helperUtil::translatePath(tempFolder + "/" + fileName);
+  const std::string text = "Comments from Velon Tessel Client user:\n" + comments;
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  if (!out.is_open()) {
+    const std::string message = "Internal error: can't write comments at " + path;
+    helperUtil::fillSummaryFailedFile(m_pXMLSummary, "comments", fileName, "", message);
+    KLOG_E("%s", message.c_str());
+    return KEELENGINE_ERROR_FILE_OPEN_FAILURE;
+  }
+  out << text;
+  out.close();
+  TruncAttrs record;
+  record.id = "comments";
+  record.path = path;
+  record.description = "Velon Tessel Client user comments";
+  record.size = helperUtil::fileSize(path.c_str());  // `path` is translated already
+  record.truncateType = TRUNC_NONE;
+  record.limit = 0;
+  record.defaultType = TRUNC_DATA;
+  collectedFiles_.push_back(record);
+  return 0;
+}
+
+// ---- Summary --------------------------------------------------------------
+
+ResultCode collector::initializeSummary() {
+  delete m_pXMLSummary;
+  m_pXMLSummary = new XMLObject("summary", "KEEL BUNDLE SUMMARY\n");
+  KEELComponent* root = m_pXMLSummary->GetRoot();
+  if (root == nullptr) {
+    KLOG_E("m_pXMLSummary->GetRoot() is NULL");
+    return KEELENGINE_ERROR_NULL_XML_ROOT;
+  }
+  m_pXMLSummary->AddChild(root, "Main_Info", "");
+  m_pXMLSummary->AddChild(root, "Manifest_Included", "File Manifest:");
+  m_pXMLSummary->AddChild(root, "Manifest_Not_Included",
+                          "Files Requested But Not Included In Bundle:");
+  m_pXMLSummary->AddChild(root, "Other_Note", "Other notes:");
+  return 0;
+}
+
+ResultCode collector::fillInSummaryMainInfo() {
+  KEELComponent* root = m_pXMLSummary != nullptr ? m_pXMLSummary->GetRoot() : nullptr;
+  if (root == nullptr) {
+    KLOG_E("m_pXMLSummary->GetRoot() is NULL");
+    return KEELENGINE_ERROR_NULL_XML_ROOT;
+  }
+  KEELComponent* mainInfo = root->FindChild("Main_Info");
+  if (mainInfo == nullptr) {
+    KLOG_E("pDCMainInfo is NULL");
+    return KEELENGINE_ERROR_NULL_XML_CHILD;
+  }
+  m_pXMLSummary->AddChild(mainInfo, "Time:", host_->timeNow());
+  m_pXMLSummary->AddChild(mainInfo, "OS:", host_->osDescription());
+  m_pXMLSummary->AddChild(mainInfo, "User Name:", host_->userName());
+  m_pXMLSummary->AddChild(mainInfo, "Bundle on client computer:",
+                          host_->absolutePath(bundlePath_));
+  return 0;
+}
+
+ResultCode collector::writeSummary(const std::string& tempFolder, XMLObject* config) {
+  if (summaryPath_.empty()) {
+    summaryPath_ = helperUtil::translatePath(tempFolder + "/" + "summary.txt");
+  }
+  ResultCode result;
+  {
+    std::lock_guard<std::mutex> lock(summaryLock());
+    result = printSummary(config);
+  }
+  if (result != 0) {
+    KLOG_RC(LOG_LEVEL_E, "collector::printSummary", result);
+    return result;
+  }
+  collectedFiles_.clear();
+  return 0;
+}
+
+ResultCode collector::printSummary(XMLObject* config) {
+  if (config == nullptr) {
+    KLOG_E("pXMLObjectConfig is NULL");
+    return KEELENGINE_ERROR_BAD_PARAMETER;
+  }
+  FILE* file = fopen(summaryPath_.c_str(), "a");
+  if (file == nullptr) {
+    KLOG_E("fopen failed to open file \"%s\"", summaryPath_.c_str());
+    return KEELENGINE_ERROR_FILE_OPEN_FAILURE;
+  }
+  truncator lister(collectedFiles_, m_pXMLSummary);
+  lister.noTruncate();
+  std::call_once(g_summaryHeadOnce, [&] { writeHead(file); });
+  writeSection(file, *config);
+  fclose(file);
+  return 0;
+}
+
+void collector::writeHead(FILE* file) {
+  const ResultCode result = fillInSummaryMainInfo();
+  if (result != 0) KLOG_RC(LOG_LEVEL_E, "collector::fillInSummaryMainInfo", result);
+  KEELComponent* root = m_pXMLSummary != nullptr ? m_pXMLSummary->GetRoot() : nullptr;
+  if (root == nullptr) return;
+  fprintf(file, "%s\n", root->GetValue().c_str());
+  KEELComponent* mainInfo = root->FindChild("Main_Info");
+  if (mainInfo == nullptr) return;
+  for (const auto& child : mainInfo->GetChildren()) {
+    fprintf(file, "%-*.*s%s\n", 30, 30, child->GetName().c_str(), child->GetValue().c_str());
+  }
+}
+
+void collector::writeSection(FILE* file, XMLObject& config) {
+  fprintf(file, "\n%.*s\n", kOmittedRuleWidth, Rule('=').c_str());
+  KEELComponent* title = config.FindChildUnder("configure", "title");
+  fprintf(file, "%s:\n\n", title != nullptr ? title->GetValue().c_str() : "");
+  fprintf(file, "Files Included in Bundle:\n");
+  fprintf(file, kRowFormat, kIdWidth, kIdWidth, "ID", kNameWidth, kNameWidth, "Filename",
+          kDescriptionWidth, kDescriptionWidth, "Description", kSizeWidth, kSizeWidth,
+          "File Size");
+  fprintf(file, "%*.*s\n", kIncludedRuleWidth, kIncludedRuleWidth, Rule('-').c_str());
+  KEELComponent* root = m_pXMLSummary != nullptr ? m_pXMLSummary->GetRoot() : nullptr;
+  KEELComponent* included = root != nullptr ? root->FindChild("Manifest_Included") : nullptr;
+  writeComponentRows(file, included, "file_size", kSizeWidth);
+  fprintf(file, "%.*s\n", kIncludedRuleWidth, Rule('-').c_str());
+
+  KEELComponent* omitted = root != nullptr ? root->FindChild("Manifest_Not_Included") : nullptr;
+  if (omitted != nullptr && !omitted->GetChildren().empty()) {
+    fprintf(file, "\n\nFiles Omitted from Bundle:\n");
+    fprintf(file, kRowFormat, kIdWidth, kIdWidth, "ID", kNameWidth, kNameWidth, "Filename",
+            kDescriptionWidth, kDescriptionWidth, "Description", kReasonWidth, kReasonWidth,
+            "Reason Omitted");
+    fprintf(file, "%.*s\n", kOmittedRuleWidth, Rule('-').c_str());
+    writeComponentRows(file, omitted, "reason", kReasonWidth);
+    fprintf(file, "%.*s\n", kOmittedRuleWidth, Rule('-').c_str());
+  }
+
+  KEELComponent* notes = root != nullptr ? root->FindChild("Other_Note") : nullptr;
+  if (notes != nullptr && !notes->GetChildren().empty()) {
+    fprintf(file, "\n\nNotes:\n");
+    for (const auto& note : notes->GetChildren()) {
+      fprintf(file, "%s%s\n", note->GetName().c_str(), note->GetValue().c_str());
+    }
+  }
+}
+
+void collector::writeComponentRows(FILE* file, KEELComponent* parent, const char* lastAttribute,
+                                   int lastWidth) {
+  if (parent == nullptr) return;
+  for (const auto& child : parent->GetChildren()) {
+    std::string id = child->GetName();
+    std::string name = child->GetValue();
+    std::string description = AttributeValue(child.get(), "description");
+    std::string last = AttributeValue(child.get(), lastAttribute);
+    // At least one row, also for four empty texts; more while any is left.
+    do {
+      const std::string lastPiece = nextPiece(last, lastWidth);
+      const std::string descriptionPiece = nextPiece(description, kDescriptionWidth);
+      const std::string namePiece = nextPiece(name, kNameWidth);
+      const std::string idPiece = nextPiece(id, kIdWidth);
+      fprintf(file, kRowFormat, kIdWidth, kIdWidth, idPiece.c_str(), kNameWidth, kNameWidth,
+              namePiece.c_str(), kDescriptionWidth, kDescriptionWidth, descriptionPiece.c_str(),
+              lastWidth, lastWidth, lastPiece.c_str());
+    } while (!id.empty() || !name.empty() || !description.empty() || !last.empty());
+  }
+}
+
+std::string collector::nextPiece(std::string& text, size_t width) {
+  auto isSpace = [](char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; };
+  if (text.empty()) return std::string();
+  size_t start = 0;
+  while (start < text.size() && isSpace(text[start])) ++start;
+  text.erase(0, start);
+  if (text.empty()) return std::string();
+  std::string piece;
+  if (width >= text.size()) {
+    piece.swap(text);
+    return piece;
+  }
+  for (size_t i = width; i-- > 0;) {
+    if (isSpace(text[i])) {
+      // Only that one blank is dropped.
+      piece = text.substr(0, i);
+      text.erase(0, i + 1);
+      return piece;
+    }
+  }
+  // No blank to break at: one character fewer than the column holds.
+  const size_t cut = width > 0 ? width - 1 : 0;
+  piece = text.substr(0, cut);
+  text.erase(0, cut);
+  start = 0;
+  while (start < text.size() && isSpace(text[start])) ++start;
+  text.erase(0, start);
+  return piece;
+}

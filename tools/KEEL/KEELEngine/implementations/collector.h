@@ -1,0 +1,118 @@
+// collector: carries one config document from the selection of its
+// instructions, through the actions, to its section of summary.txt.
+//
+// A bundle run makes one collector per config, each used by one pool job; a
+// clear run makes one for all configs, on the main thread. A collector owns
+// its summary document and its reader position; it shares with other jobs
+// only the request (read only), the list of unprocessed request entries, the
+// working folder on disk and summary.txt (written under the summary lock).
+#ifndef TOOLS_KEEL_KEELENGINE_IMPLEMENTATIONS_COLLECTOR_H_
+#define TOOLS_KEEL_KEELENGINE_IMPLEMENTATIONS_COLLECTOR_H_
+
+#include <cstdio>
+#include <list>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "Common/Result/ResultCode.h"
+#include "tools/KEEL/KEELEngine/implementations/KEELTypes.h"
+
+class KEELComponent;
+class XMLObject;
+
+// What the head of summary.txt says about the host. The default answers
+// come from the host itself; a test may hand a collector fixed answers.
+class SummaryHost {
+ public:
+  virtual ~SummaryHost() = default;
+  // Local time, "%a %b %d %H:%M:%S %Y %Z".
+  virtual std::string timeNow() const;
+  virtual std::string osDescription() const;
+  virtual std::string userName() const;
+  virtual std::string absolutePath(const std::string& path) const;
+};
+
+class collector {
+ public:
+  // `request` is read only and not owned; a document without a root asks
+  // for the default selection, and only a clear run passes null.
+  // `unprocessedIds` is the engine's list of request entries not yet served.
+  collector(XMLObject* request, std::list<KEELComponent*>* unprocessedIds,
+            const std::string& bundlePath, bool includeLegacyLogs, bool includeSystemLogs);
+  ~collector();
+
+  collector(const collector&) = delete;
+  collector& operator=(const collector&) = delete;
+
+  // Runs the selected instructions of `config` into `tempFolder` and appends
+  // the config's section to summary.txt. Failed instructions do not fail it.
+  ResultCode Collect(std::string& tempFolder, XMLObject* config);
+  // Runs the clearing variant of every default instruction of `config`.
+  ResultCode Clear(XMLObject* config);
+
+  // The root's direct children named "fileGroup" / "file".
+  static std::vector<KEELComponent*> getFileGroupComponents(XMLObject& document);
+  static std::vector<KEELComponent*> getFileComponents(XMLObject& document);
+  // A fileGroup's direct children named "file".
+  static std::vector<KEELComponent*> getFileGroupFileComponents(KEELComponent* fileGroup);
+  // Stable sort by the bytes of the `id` attribute; one without an id keeps
+  // its place.
+  static void sortById(std::vector<KEELComponent*>& files);
+  // The child `default` holds exactly "true".
+  static bool isDefault(KEELComponent* file);
+
+  // The folder of a fileGroup or file below `parentFolder`, made one level
+  // at a time; the parent when it has no directoryName or none can be made.
+  std::string getDirectory(KEELComponent* component, const std::string& parentFolder);
+  void moveReaderToKEEL(KEELComponent* file);
+  // Places the reader on the first `os` of the instruction that fits this host.
+  ResultCode moveReaderToCorrectOS(KEELComponent* file);
+  void removeFromUnprocessedList(KEELComponent* component);
+  ResultCode writeComments(KEELComponent* commentsComponent, const std::string& tempFolder);
+
+  // The summary document and its text.
+  ResultCode initializeSummary();
+  ResultCode fillInSummaryMainInfo();
+  ResultCode writeSummary(const std::string& tempFolder, XMLObject* config);
+  ResultCode printSummary(XMLObject* config);
+  // Cuts the next piece of at most `width` characters off the front of
+  // `text`, breaking at white space where it can.
+  static std::string nextPiece(std::string& text, size_t width);
+
+  // The process-wide lock held for the whole of printSummary.
+  static std::mutex& summaryLock();
+
+  // Replaces the source of the head's host facts; not owned. Null restores
+  // the host's own.
+  void setSummaryHost(const SummaryHost* host);
+
+  XMLObject* summaryDocument() const { return m_pXMLSummary; }
+  const TruncAttrsList& collectedFiles() const { return collectedFiles_; }
+  const std::string& summaryPath() const { return summaryPath_; }
+  KEELComponent* reader() const { return reader_; }
+
+ private:
+  void selectByDefault(std::string& tempFolder, XMLObject& config, ActionSettings& settings);
+  void selectByRequest(std::string& tempFolder, XMLObject& config, ActionSettings& settings);
+  void runCollection(const ActionSettings& settings);
+  void writeHead(FILE* file);
+  void writeSection(FILE* file, XMLObject& config);
+  void writeComponentRows(FILE* file, KEELComponent* parent, const char* lastAttribute,
+                          int lastWidth);
+
+  XMLObject* m_pXMLRequest;
+  XMLObject* m_pXMLSummary = nullptr;
+  std::list<KEELComponent*>* unprocessedIds_;
+  TruncAttrsList collectedFiles_;
+  bool constructed_ = true;  // set at construction; read by nothing
+  std::string bundlePath_;
+  std::string summaryPath_;
+  KEELComponent* reader_ = nullptr;
+  bool includeLegacyLogs_;
+  bool includeSystemLogs_;
+  bool isAdmin_;
+  const SummaryHost* host_;
+};
+
+#endif  // TOOLS_KEEL_KEELENGINE_IMPLEMENTATIONS_COLLECTOR_H_
