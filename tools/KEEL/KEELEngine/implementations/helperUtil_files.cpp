@@ -348,22 +348,14 @@ ResultCode helperUtil::fileDeleteDirectory(const std::string& folder) {
   return 0;
 }
 
-ResultCode helperUtil::fileTruncateEnd(uint64_t count, const char* path) {
-  if (path == nullptr) {
-    KLOG_E("pszFilename is NULL");
-    return KEELENGINE_ERROR_BAD_PARAMETER;
-  }
-  std::ifstream in(path, std::ios::binary);
-  if (!in.is_open()) {
-    KLOG_E("Failed to open \"%s\"", path);
-    return KEELENGINE_ERROR_FILE_OPEN_FAILURE;
-  }
-  std::ofstream out(kScratchFile, std::ios::binary | std::ios::trunc);
-  if (!out.is_open()) {
-    KLOG_E("Failed to open \"%s\"", kScratchFile);
-    return KEELENGINE_ERROR_FILE_OPEN_FAILURE;
-  }
+namespace {
 
+// Copies the bytes to keep of `in` to `out`, given the count to keep.
+typedef void (*CutBytes)(std::ifstream& in, std::ofstream& out, uint64_t count);
+
+// Keeps the first `count` bytes. When the file is shorter than `count`, the
+// failed read at its end is written too, as the byte 0xFF.
+void KeepFront(std::ifstream& in, std::ofstream& out, uint64_t count) {
   bool fits = false;
   in.seekg(toOffset(count, &fits), std::ios::beg);
   const std::streamoff stop = in.tellg();  // -1 when the seek failed: copy all
@@ -371,27 +363,31 @@ ResultCode helperUtil::fileTruncateEnd(uint64_t count, const char* path) {
   in.seekg(0, std::ios::beg);
   for (std::streamoff position = 0; position != stop; ++position) {
     const int byte = in.get();
-    // When the file is shorter than `count`, the failed read at its end is
-    // written too, as the byte 0xFF.
     out.put(static_cast<char>(byte));
-    if (!in.good())
-      break;
+    if (!in.good()) break;
   }
-  in.close();
-  out.close();
-
-  std::string errorText;
-  const ResultCode result = fileCopy(kScratchFile, path, errorText);
-  if (result != 0)
-    KLOG_RC(LOG_LEVEL_W, "helperUtil::fileCopy", result);
-  return 0;
 }
 
-ResultCode helperUtil::fileTruncateEnd(uint64_t count, const std::string& path) {
-  return fileTruncateEnd(count, path.c_str());
+// Keeps the last `count` bytes. The end test follows the write, so the
+// failed last read goes out as a trailing 0xFF byte; the size bookkeeping
+// does not count it. A count beyond the file's size fails the seek: nothing
+// is copied and the file ends up empty.
+void KeepBack(std::ifstream& in, std::ofstream& out, uint64_t count) {
+  bool fits = false;
+  const std::streamoff offset = toOffset(count, &fits);
+  if (fits) in.seekg(-offset, std::ios::end);
+  if (!fits || !in.good()) return;
+  for (;;) {
+    const int byte = in.get();
+    out.put(static_cast<char>(byte));
+    if (!in.good()) break;
+  }
 }
 
-ResultCode helperUtil::fileTruncateFront(uint64_t count, const char* path) {
+// The frame both cutting functions share: the kept bytes go through the
+// scratch file in the current folder, which is then copied over the file
+// and stays behind.
+ResultCode CutThroughScratch(uint64_t count, const char* path, CutBytes cut) {
   if (path == nullptr) {
     KLOG_E("pszFilename is NULL");
     return KEELENGINE_ERROR_BAD_PARAMETER;
@@ -406,31 +402,27 @@ ResultCode helperUtil::fileTruncateFront(uint64_t count, const char* path) {
     KLOG_E("Failed to open \"%s\"", kScratchFile);
     return KEELENGINE_ERROR_FILE_OPEN_FAILURE;
   }
-
-  bool fits = false;
-  const std::streamoff offset = toOffset(count, &fits);
-  if (fits)
-    in.seekg(-offset, std::ios::end);
-  // A count beyond the file's size fails the seek: nothing is copied and
-  // the file ends up empty.
-  if (fits && in.good()) {
-    for (;;) {
-      const int byte = in.get();
-      // The end test follows the write, so the failed last read goes out
-      // as a trailing 0xFF byte; the size bookkeeping does not count it.
-      out.put(static_cast<char>(byte));
-      if (!in.good())
-        break;
-    }
-  }
+  cut(in, out, count);
   in.close();
   out.close();
-
   std::string errorText;
-  const ResultCode result = fileCopy(kScratchFile, path, errorText);
-  if (result != 0)
-    KLOG_RC(LOG_LEVEL_W, "helperUtil::fileCopy", result);
+  const ResultCode result = helperUtil::fileCopy(kScratchFile, path, errorText);
+  if (result != 0) KLOG_RC(LOG_LEVEL_W, "helperUtil::fileCopy", result);
   return 0;
+}
+
+}  // namespace
+
+ResultCode helperUtil::fileTruncateEnd(uint64_t count, const char* path) {
+  return CutThroughScratch(count, path, KeepFront);
+}
+
+ResultCode helperUtil::fileTruncateEnd(uint64_t count, const std::string& path) {
+  return fileTruncateEnd(count, path.c_str());
+}
+
+ResultCode helperUtil::fileTruncateFront(uint64_t count, const char* path) {
+  return CutThroughScratch(count, path, KeepBack);
 }
 
 ResultCode helperUtil::fileTruncateFront(uint64_t count, const std::string& path) {
