@@ -36,26 +36,31 @@ std::string IsolatedTreeBase() {
   return base;
 }
 
-IsolatedResult RunIsolated(const std::vector<std::string>& argv, const std::vector<std::string>& env,
-                           const std::string& cwd, const std::string& scratch,
-                           const std::string& prepare, const std::string& inspect) {
+IsolatedResult RunIsolated(const std::vector<std::string>& argv,
+                           const std::vector<std::string>& env, const std::string& cwd,
+                           const std::string& scratch, const std::string& prepare,
+                           const std::string& inspect) {
   std::string command;
-  for (const std::string& arg : argv) command += " " + Quote(arg);
+  for (const std::string& arg : argv)
+    command += " " + Quote(arg);
   std::string environment = "env -i VTC_LOGGING_OUTPUT=STDOUT";
   for (const char* name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS", "TSAN_OPTIONS"}) {
-    if (const char* value = getenv(name)) environment += " " + Quote(std::string(name) + "=" + value);
+    if (const char* value = getenv(name))
+      environment += " " + Quote(std::string(name) + "=" + value);
   }
-  for (const std::string& entry : env) environment += " " + Quote(entry);
+  for (const std::string& entry : env)
+    environment += " " + Quote(entry);
   const std::string script =
       "mount -t tmpfs tmpfs /tmp || exit 90\n"
       "if [ -d /opt ]; then mount -t tmpfs tmpfs /opt || exit 91; fi\n"
       "mount -t tmpfs tmpfs /etc || exit 92\n"
-      "printf '%s' " + Quote(kIsolatedOsRelease) + " > /etc/os-release\n" + prepare +
-      "\ncd " + Quote(cwd) + " || exit 93\n" + environment + command + " > " +
-      Quote(scratch + "/stdout") + " 2> " + Quote(scratch + "/stderr") + "\n" + "echo $? > " +
-      Quote(scratch + "/status") + "\n" + "ls -A /tmp > " + Quote(scratch + "/tmp-listing") +
-      "\n" + "{ " + (inspect.empty() ? std::string(":") : inspect) + "\n} > " +
-      Quote(scratch + "/inspect.txt") + " 2>&1\n";
+      "printf '%s' " +
+      Quote(kIsolatedOsRelease) + " > /etc/os-release\n" + prepare + "\ncd " + Quote(cwd) +
+      " || exit 93\n" + environment + command + " > " + Quote(scratch + "/stdout") + " 2> " +
+      Quote(scratch + "/stderr") + "\n" + "echo $? > " + Quote(scratch + "/status") + "\n" +
+      "ls -A /tmp > " + Quote(scratch + "/tmp-listing") + "\n" + "{ " +
+      (inspect.empty() ? std::string(":") : inspect) + "\n} > " + Quote(scratch + "/inspect.txt") +
+      " 2>&1\n";
   CommandResult shell = Run({"unshare", "-m", "sh", "-c", script});
   IsolatedResult result;
   const std::string status = ReadFile(scratch + "/status");
@@ -94,9 +99,10 @@ std::vector<std::string> ZipEntryNames(const std::string& archive) {
 }
 
 std::string ZipEntry(const std::string& archive, const std::string& name) {
-  return Shell("python3 -c 'import sys,zipfile\n"
-               "sys.stdout.buffer.write(zipfile.ZipFile(sys.argv[1]).read(sys.argv[2]))' " +
-               Quote(archive) + " " + Quote(name));
+  return Shell(
+      "python3 -c 'import sys,zipfile\n"
+      "sys.stdout.buffer.write(zipfile.ZipFile(sys.argv[1]).read(sys.argv[2]))' " +
+      Quote(archive) + " " + Quote(name));
 }
 
 }  // namespace keeltest

@@ -36,9 +36,10 @@ struct IsolatedResult {
 // namespace before the program, `inspect` after it (its output goes to
 // `scratch`/inspect.txt). `scratch` is a folder outside /tmp for the
 // captured streams.
-IsolatedResult RunIsolated(const std::vector<std::string>& argv, const std::vector<std::string>& env,
-                           const std::string& cwd, const std::string& scratch,
-                           const std::string& prepare = "", const std::string& inspect = "");
+IsolatedResult RunIsolated(const std::vector<std::string>& argv,
+                           const std::vector<std::string>& env, const std::string& cwd,
+                           const std::string& scratch, const std::string& prepare = "",
+                           const std::string& inspect = "");
 
 // The console line of a progress report: "\r", the message padded or cut to
 // 90 columns, a blank and the percentage.

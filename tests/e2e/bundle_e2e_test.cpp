@@ -95,7 +95,8 @@ const char kTail[] =
 class BundleRun : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (!keeltest::NamespacesAvailable()) GTEST_SKIP() << "private mount namespaces refused";
+    if (!keeltest::NamespacesAvailable())
+      GTEST_SKIP() << "private mount namespaces refused";
     tree_.reset(new keeltest::TempDir(keeltest::IsolatedTreeBase()));
     ASSERT_FALSE(tree_->path().empty());
     for (const char* folder : {"install/xml/config", "home/Desktop", "work", "out", "scratch"}) {
@@ -126,9 +127,9 @@ class BundleRun : public ::testing::Test {
 
   std::string Announce(const std::string& location, bool custom,
                        const std::string& extra = "") const {
-    return std::string(kVersionBlock) + "Bundle option selected: " +
-           (custom ? "custom" : "default") + "\r\nBundle location: " + location + "\r\n" + extra +
-           "\r\n";
+    return std::string(kVersionBlock) +
+           "Bundle option selected: " + (custom ? "custom" : "default") +
+           "\r\nBundle location: " + location + "\r\n" + extra + "\r\n";
   }
 
   std::unique_ptr<keeltest::TempDir> tree_;
@@ -182,8 +183,9 @@ TEST_F(BundleRun, TwLogsTakesTheWholeLegacyGroup) {
             "<fileGroup treeRootName=\"Legacy - Velon Tidewalker Tessel Mobility Client\">"
             "<file id=\"old\"><description>old logs</description><default>false</default><keel>"
             "<os opsys=\"linux\"><file_copy_action><action><loc>" +
-                Src("c.txt") + "</loc></action></file_copy_action></os></keel></file>"
-                               "</fileGroup></config>");
+                Src("c.txt") +
+                "</loc></action></file_copy_action></os></keel></file>"
+                "</fileGroup></config>");
   const std::string bundle = tree_->Sub("out/legacy.zip");
   IsolatedResult run = Keel({"-dst", bundle, "-twlogs"});
   ASSERT_EQ(run.status, 0) << run.err;
@@ -213,17 +215,17 @@ TEST_F(BundleRun, SeveralConfigsEachAddTheirSection) {
   EXPECT_EQ(run.out.substr(0, Announce(bundle, true).size()), Announce(bundle, true));
   const std::string end = EndOfBundleRun();
   EXPECT_EQ(run.out.substr(run.out.size() - end.size()), end);
-  EXPECT_EQ(ZipEntryNames(bundle), (std::vector<std::string>{"a.log", "b.log", "c.txt", "summary.txt"}));
+  EXPECT_EQ(ZipEntryNames(bundle),
+            (std::vector<std::string>{"a.log", "b.log", "c.txt", "summary.txt"}));
   EXPECT_EQ(ZipEntry(bundle, "b.log"), std::string(5000, 'b'));
   const std::string summary = MaskTime(ZipEntry(bundle, "summary.txt"));
   // The sections come in the order the configs finish; each stands whole.
   const std::string first = SectionHead("First Config") +
                             Row("alpha", "a.log", "alpha files", "10 bytes", 10) +
                             std::string(101, '-') + "\n";
-  const std::string second = SectionHead("Second Config") +
-                             Row("beta", "b.log", "beta files", "4.88K", 10) +
-                             Row("gamma", "c.txt", "gamma files", "6 bytes", 10) +
-                             std::string(101, '-') + "\n";
+  const std::string second =
+      SectionHead("Second Config") + Row("beta", "b.log", "beta files", "4.88K", 10) +
+      Row("gamma", "c.txt", "gamma files", "6 bytes", 10) + std::string(101, '-') + "\n";
   // A long reason wraps over rows of the last column.
   const std::string third =
       SectionHead("Third Config") + std::string(101, '-') + "\n" +
@@ -281,11 +283,12 @@ TEST_F(BundleRun, EmptyConfigFolderEndsWithTheInternalError) {
 TEST_F(BundleRun, PlainWorkingFolderWithOnlyFilesIsReused) {
   // A sub-folder made by the instruction keeps the working folder in place,
   // so its name shows which one the run used.
-  AddConfig("one.xml", Config("First Config", {"alpha"}, {Src("a.log")}, " directoryName=\"kept\""));
+  AddConfig("one.xml",
+            Config("First Config", {"alpha"}, {Src("a.log")}, " directoryName=\"kept\""));
   const std::string bundle = tree_->Sub("out/reuse.zip");
-  const IsolatedResult run =
-      Keel({"-dst", bundle}, "mkdir /tmp/KEEL_Temp_Bundle && echo old > /tmp/KEEL_Temp_Bundle/old.txt",
-           "find /tmp | sort");
+  const IsolatedResult run = Keel(
+      {"-dst", bundle}, "mkdir /tmp/KEEL_Temp_Bundle && echo old > /tmp/KEEL_Temp_Bundle/old.txt",
+      "find /tmp | sort");
   ASSERT_EQ(run.status, 0) << run.err;
   EXPECT_EQ(run.tmpListing, "KEEL_Temp_Bundle\n");
   EXPECT_EQ(Inspect(),
@@ -297,13 +300,15 @@ TEST_F(BundleRun, PlainWorkingFolderWithOnlyFilesIsReused) {
 TEST_F(BundleRun, PlainWorkingFolderWithASubFolderMakesAFreshOne) {
   AddConfig("one.xml", Config("First Config", {"alpha"}, {Src("a.log")}));
   const std::string bundle = tree_->Sub("out/fresh.zip");
-  const IsolatedResult run = Keel(
-      {"-dst", bundle}, "mkdir -p /tmp/KEEL_Temp_Bundle/sub && echo x > /tmp/KEEL_Temp_Bundle/sub/x",
-      "find /tmp | sort");
+  const IsolatedResult run =
+      Keel({"-dst", bundle},
+           "mkdir -p /tmp/KEEL_Temp_Bundle/sub && echo x > /tmp/KEEL_Temp_Bundle/sub/x",
+           "find /tmp | sort");
   ASSERT_EQ(run.status, 0) << run.err;
   // The old folder lost its file-free top only; the fresh one is gone.
-  EXPECT_EQ(Inspect(), "/tmp\n/tmp/KEEL_Temp_Bundle\n/tmp/KEEL_Temp_Bundle/sub\n"
-                       "/tmp/KEEL_Temp_Bundle/sub/x\n");
+  EXPECT_EQ(Inspect(),
+            "/tmp\n/tmp/KEEL_Temp_Bundle\n/tmp/KEEL_Temp_Bundle/sub\n"
+            "/tmp/KEEL_Temp_Bundle/sub/x\n");
   EXPECT_EQ(ZipEntryNames(bundle), (std::vector<std::string>{"a.log", "summary.txt"}));
   EXPECT_NE(run.log.find("Invoked Function: helperUtil::fileDeleteDirectory Return Code: "
                          "-22020087 (0xFEB00009)"),
@@ -313,7 +318,8 @@ TEST_F(BundleRun, PlainWorkingFolderWithASubFolderMakesAFreshOne) {
 TEST_F(BundleRun, ShippedInstructionsMakeAReadableBundle) {
   // The instruction files that ship with the tool, run on this host.
   for (const auto& entry : fs::directory_iterator(keeltest::BuildDir() + "/xml/config")) {
-    fs::copy_file(entry.path(), tree_->Sub("install/xml/config/" + entry.path().filename().string()));
+    fs::copy_file(entry.path(),
+                  tree_->Sub("install/xml/config/" + entry.path().filename().string()));
   }
   const std::string bundle = tree_->Sub("out/shipped.zip");
   const IsolatedResult run = Keel({"-dst", bundle});

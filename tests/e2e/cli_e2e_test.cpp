@@ -85,7 +85,8 @@ bool StartsWith(const std::string& text, const std::string& prefix) {
 class KeelCliRun : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (!keeltest::NamespacesAvailable()) GTEST_SKIP() << "private mount namespaces refused";
+    if (!keeltest::NamespacesAvailable())
+      GTEST_SKIP() << "private mount namespaces refused";
     ASSERT_FALSE(m_temp.path().empty());
     fs::create_directories(m_temp.Sub("scratch"));
     fs::create_directories(m_temp.Sub("bin"));

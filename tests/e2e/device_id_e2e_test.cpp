@@ -48,9 +48,11 @@ std::string UpperDigest(const std::string& program, const std::string& text) {
 class DeviceIdOption : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (!keeltest::NamespacesAvailable()) GTEST_SKIP() << "private mount namespaces refused";
+    if (!keeltest::NamespacesAvailable())
+      GTEST_SKIP() << "private mount namespaces refused";
     root_ = RootDeviceName();
-    if (root_.empty()) GTEST_SKIP() << "the root file system is on no device path";
+    if (root_.empty())
+      GTEST_SKIP() << "the root file system is on no device path";
     tree_.reset(new keeltest::TempDir(keeltest::IsolatedTreeBase()));
     for (const char* folder : {"install/xml/config", "home", "work", "scratch", "logs"}) {
       fs::create_directories(tree_->Sub(folder));
@@ -65,8 +67,8 @@ class DeviceIdOption : public ::testing::Test {
         "ln -s /proc/self/mounts /etc/mtab\n"
         "mount -t tmpfs tmpfs /dev || exit 94\n";
     if (withByUuid) {
-      text += "mkdir -p /dev/disk/by-uuid && ln -s ../../" + root_ + " /dev/disk/by-uuid/" +
-              kUuid + "\n";
+      text += "mkdir -p /dev/disk/by-uuid && ln -s ../../" + root_ + " /dev/disk/by-uuid/" + kUuid +
+              "\n";
     }
     return text;
   }

@@ -85,7 +85,9 @@ int runCommandLine(int argc, char** argv) {
 
 }  // namespace
 
-const char* legalNotice() { return "Copyright (c) 2026 Velon Networks. All rights reserved."; }
+const char* legalNotice() {
+  return "Copyright (c) 2026 Velon Networks. All rights reserved.";
+}
 
 void cliPrint(const char* format, ...) {
   va_list arguments;
@@ -213,12 +215,14 @@ bool initialize() {
   } else {
     g_policyManager.ReplaceInstance(policyManager);
     result = policyManager->LoadLocalTidewalkerPolicy();
-    if (result != 0) KLOG_RC(LOG_LEVEL_E, "XmlLocalTWPolMgr::LoadLocalTidewalkerPolicy", result);
+    if (result != 0)
+      KLOG_RC(LOG_LEVEL_E, "XmlLocalTWPolMgr::LoadLocalTidewalkerPolicy", result);
   }
   // The Desktop lookup falls back to "$HOME/Desktop/"; an empty answer leaves
   // the location empty, and the entry then rejects it.
   const std::string desktop = helperUtil::translatePath(helperUtil::getDesktopFolder());
-  if (!desktop.empty()) g_bundleLocation = desktop + "KEELBundle" + getTimeNowString(1) + ".zip";
+  if (!desktop.empty())
+    g_bundleLocation = desktop + "KEELBundle" + getTimeNowString(1) + ".zip";
   return true;
 }
 
@@ -237,8 +241,8 @@ bool bundleFolderExists(const std::string& location) {
 void runBundleEngine() {
   helperUtil::setCliMode(g_cliMode);
   // Shared: the pool's queued jobs keep the engine alive through it.
-  std::shared_ptr<KEELEngine> engine = std::make_shared<KEELEngine>(
-      "", "", g_bundleLocation, "", g_clearLogs, g_twLogs, true);
+  std::shared_ptr<KEELEngine> engine =
+      std::make_shared<KEELEngine>("", "", g_bundleLocation, "", g_clearLogs, g_twLogs, true);
   engine->run();
   engine.reset();
 }

@@ -50,7 +50,8 @@ KEELEngine::KEELEngine(const std::string& requestFile, const std::string& config
       includeLegacyLogs(includeLegacyLogs) {}
 
 KEELEngine::~KEELEngine() {
-  for (XMLObject* document : configDocs) delete document;
+  for (XMLObject* document : configDocs)
+    delete document;
   configDocs.clear();
   configMgr.reset();
   requestMgr.reset();  // owns the request document, if there was one
@@ -58,7 +59,9 @@ KEELEngine::~KEELEngine() {
   clearCollector.reset();
 }
 
-ResultCode KEELEngine::run() { return clearMode ? clearLogs() : runCollectorThreads(); }
+ResultCode KEELEngine::run() {
+  return clearMode ? clearLogs() : runCollectorThreads();
+}
 
 ResultCode KEELEngine::fail(ResultCode code, const std::string& message) {
   helperUtil::reportStatus(0, message, code);
@@ -79,10 +82,12 @@ ResultCode KEELEngine::loadRequest() {
     KEELComponent* root = request->GetRoot();
     if (root == nullptr) {
       KLOG_E("request XML has no root");
-      return fail(KEELENGINE_ERROR_NULL_POINTER, "Internal Error: KEEL has encountered an error...");
+      return fail(KEELENGINE_ERROR_NULL_POINTER,
+                  "Internal Error: KEEL has encountered an error...");
     }
     for (const auto& child : root->GetChildren()) {
-      if (child != nullptr && child->GetName() == "file") unprocessedIds.push_back(child.get());
+      if (child != nullptr && child->GetName() == "file")
+        unprocessedIds.push_back(child.get());
     }
     return 0;
   }
@@ -129,7 +134,8 @@ ResultCode KEELEngine::runCollectorThreads() {
   requestMgr.reset(new KEELXmlLoader());
   ReportProgress(1, "Parsing request and configuration XMLs...");
   ResultCode result = loadRequest();
-  if (result != 0) return result;
+  if (result != 0)
+    return result;
 
   loadConfigs();
   helperUtil::setConfigCount(static_cast<uint32_t>(configDocs.size()));
@@ -140,7 +146,8 @@ ResultCode KEELEngine::runCollectorThreads() {
   failedConfigs = configMgr->getFailedFiles();
 
   result = prepareWorkingFolder();
-  if (result != 0) return result;
+  if (result != 0)
+    return result;
 
   ReportProgress(4, "Reading instructions ...");
   collectAll(poolSize(static_cast<int>(std::thread::hardware_concurrency())));
@@ -153,11 +160,13 @@ ResultCode KEELEngine::runCollectorThreads() {
     return fail(KEELENGINE_ERROR_INTERNAL, "Internal Error: all configs failed...");
   }
   const ResultCode written = writeFailedFilesToSummary(tempFolder + "/" + "summary.txt");
-  if (written != 0) KLOG_RC(LOG_LEVEL_W, "KEELEngine::writeFailedFilesToSummary", written);
+  if (written != 0)
+    KLOG_RC(LOG_LEVEL_W, "KEELEngine::writeFailedFilesToSummary", written);
 
   ReportProgress(96, "Zipping the bundle, please wait...");
   const std::string extension = helperUtil::splitAfterLast(bundlePath, ".");
-  if (extension != "zip") bundlePath += ".zip";
+  if (extension != "zip")
+    bundlePath += ".zip";
   result = CZip::Zip(tempFolder, bundlePath, archivePassword, true);
   if (result != 0) {
     KLOG_RC(LOG_LEVEL_E, "CZip::Zip", result);
@@ -171,8 +180,10 @@ ResultCode KEELEngine::runCollectorThreads() {
 
 unsigned KEELEngine::poolSize(int hardwareConcurrency) {
   int threads = hardwareConcurrency;
-  if (threads > static_cast<int>(kMaxPoolThreads)) threads = kMaxPoolThreads;
-  if (threads <= 0) threads = 1;
+  if (threads > static_cast<int>(kMaxPoolThreads))
+    threads = kMaxPoolThreads;
+  if (threads <= 0)
+    threads = 1;
   return static_cast<unsigned>(threads);
 }
 
@@ -183,9 +194,8 @@ void KEELEngine::collectAll(unsigned threads) {
     if (document != nullptr) {
       std::shared_ptr<collector> job = makeCollector();
       std::shared_ptr<KEELEngine> self = shared_from_this();
-      boost::asio::post(pool, [self, document, index, job] {
-        self->collectLog(document, index, job);
-      });
+      boost::asio::post(pool,
+                        [self, document, index, job] { self->collectLog(document, index, job); });
     }
     ++index;  // a null entry uses up its index too
   }
@@ -201,7 +211,8 @@ void KEELEngine::collectLog(XMLObject* document, int32_t index, std::shared_ptr<
     document->FindAll(document->GetRoot(), "fileGroup", groups);
     std::list<std::string> titles;
     for (KEELComponent* group : groups) {
-      if (group == nullptr) continue;
+      if (group == nullptr)
+        continue;
       KEELComponent* title = group->FindChild("title");
       titles.push_back(title != nullptr ? title->GetValue() : "Unknown_" + std::to_string(index));
     }
@@ -228,7 +239,8 @@ ResultCode KEELEngine::writeFailedFilesToSummary(const std::string& path) {
     static const std::string rule(100, '=');
     fprintf(file, "\n%.*s\n", 100, rule.c_str());
     fprintf(file, "KEELEngine failed to parse or use the following configuration files:\n");
-    for (const std::string& name : failedConfigs) fprintf(file, "%s\n", name.c_str());
+    for (const std::string& name : failedConfigs)
+      fprintf(file, "%s\n", name.c_str());
   }
   // The test reads the opposite of its heading, and is kept so: every run
   // without a request ends with the heading and nothing under it.
@@ -236,10 +248,12 @@ ResultCode KEELEngine::writeFailedFilesToSummary(const std::string& path) {
     fclose(file);
     return 0;
   }
-  fprintf(file, "\n\nNo instruction found in any config for the following file ID's from request:\n");
+  fprintf(file,
+          "\n\nNo instruction found in any config for the following file ID's from request:\n");
   for (KEELComponent* entry : unprocessedIds) {
     KEELAttribute* id = entry != nullptr ? entry->FindAttribute("id") : nullptr;
-    if (id == nullptr || id->GetValue() == "comments" || id->GetValue() == "summary") continue;
+    if (id == nullptr || id->GetValue() == "comments" || id->GetValue() == "summary")
+      continue;
     fprintf(file, "%s\n", id->GetValue().c_str());
   }
   fclose(file);
@@ -263,7 +277,8 @@ ResultCode KEELEngine::clearLogs() {
         new collector(request, &unprocessedIds, bundlePath, includeLegacyLogs, includeSystemLogs));
   }
   for (XMLObject* document : configDocs) {
-    if (document != nullptr) clearCollector->Clear(document);
+    if (document != nullptr)
+      clearCollector->Clear(document);
   }
   helperUtil::reportStatus(100, "KEEL has finished... ", KEELOFFLINE_ERROR_PROCESSING);
   helperUtil::reportStatus(0, "", 0);

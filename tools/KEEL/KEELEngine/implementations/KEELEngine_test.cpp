@@ -26,9 +26,8 @@ std::string CopyConfig(const std::string& title, const std::string& id, const st
   const std::string folder =
       directoryName.empty() ? "" : " directoryName=\"" + directoryName + "\"";
   return "<?xml version=\"1.0\"?>\n<config><configure><title>" + title +
-         "</title></configure>\n<fileGroup treeRootName=\"" + title + "\"" + folder +
-         "><title>" + title + "</title>\n<file id=\"" + id +
-         "\"><description>copy " + id +
+         "</title></configure>\n<fileGroup treeRootName=\"" + title + "\"" + folder + "><title>" +
+         title + "</title>\n<file id=\"" + id + "\"><description>copy " + id +
          "</description><default>true</default><keel><os opsys=\"linux\"><file_copy_action>"
          "<action><loc>" +
          source + "</loc></action></file_copy_action></os></keel></file></fileGroup></config>\n";
@@ -44,13 +43,15 @@ XMLObject* Parse(const std::string& text) {
 
 // The entry names of a zip file, as Python's zipfile reads them.
 std::vector<std::string> ZipNames(const std::string& archive) {
-  const std::string out = Shell("python3 -c 'import sys,zipfile; z=zipfile.ZipFile(sys.argv[1]); "
-                                "assert z.testzip() is None; print(\"\\n\".join(sorted(z.namelist())))' '" +
-                                archive + "'");
+  const std::string out = Shell(
+      "python3 -c 'import sys,zipfile; z=zipfile.ZipFile(sys.argv[1]); "
+      "assert z.testzip() is None; print(\"\\n\".join(sorted(z.namelist())))' '" +
+      archive + "'");
   std::vector<std::string> names;
   size_t start = 0;
   for (size_t end; (end = out.find('\n', start)) != std::string::npos; start = end + 1) {
-    if (end > start) names.push_back(out.substr(start, end - start));
+    if (end > start)
+      names.push_back(out.substr(start, end - start));
   }
   return names;
 }
@@ -167,9 +168,9 @@ TEST_F(EngineTest, FreshWorkingFolderWhenThePlainOneIsMissing) {
   ResultCode result = 1;
   const std::string out = RunEngine(engine, &result);
   EXPECT_EQ(result, 0u);
-  EXPECT_TRUE(std::regex_match(
-      engine->workingFolder(),
-      std::regex(dir.Sub("work/KEEL_Temp_Bundle__\\d{4}_\\d{4}_\\d{1,5}"))))
+  EXPECT_TRUE(
+      std::regex_match(engine->workingFolder(),
+                       std::regex(dir.Sub("work/KEEL_Temp_Bundle__\\d{4}_\\d{4}_\\d{1,5}"))))
       << engine->workingFolder();
   // The fresh folder was zipped and then removed: it held no sub-folder.
   EXPECT_FALSE(PathExists(engine->workingFolder()));

@@ -39,7 +39,7 @@ struct ActionSettings {
   std::string m_description;
   TruncateType m_truncateType = TRUNC_NONE;
   double m_truncateLimit = 0.0;
-  uint32_t m_auxValue = 0;              // kept for documents; read by nothing
+  uint32_t m_auxValue = 0;             // kept for documents; read by nothing
   XMLObject* m_pXMLSummary = nullptr;  // the collector's summary; not owned
 };
 

@@ -48,7 +48,8 @@ const SummaryHost& DefaultSummaryHost() {
 }
 
 std::string AttributeValue(KEELComponent* component, const char* name) {
-  if (component == nullptr) return std::string();
+  if (component == nullptr)
+    return std::string();
   KEELAttribute* attribute = component->FindAttribute(name);
   return attribute != nullptr ? attribute->GetValue() : std::string();
 }
@@ -59,16 +60,19 @@ bool HasAttribute(KEELComponent* component, const char* name) {
 
 // The value of the first descendant of that name, or empty.
 std::string ChildValue(KEELComponent* component, const char* name) {
-  if (component == nullptr) return std::string();
+  if (component == nullptr)
+    return std::string();
   KEELComponent* child = component->FindChild(name);
   return child != nullptr ? child->GetValue() : std::string();
 }
 
 std::vector<KEELComponent*> DirectChildrenNamed(KEELComponent* parent, const char* name) {
   std::vector<KEELComponent*> found;
-  if (parent == nullptr) return found;
+  if (parent == nullptr)
+    return found;
   for (const auto& child : parent->GetChildren()) {
-    if (child != nullptr && child->GetName() == name) found.push_back(child.get());
+    if (child != nullptr && child->GetName() == name)
+      found.push_back(child.get());
   }
   return found;
 }
@@ -79,16 +83,21 @@ bool IsSystemLogId(const std::string& id) {
 
 }  // namespace
 
-std::string SummaryHost::timeNow() const { return getTimeNowString(3); }
-std::string SummaryHost::osDescription() const { return helperUtil::getOsDescription(); }
-std::string SummaryHost::userName() const { return helperUtil::getSessionUser(); }
+std::string SummaryHost::timeNow() const {
+  return getTimeNowString(3);
+}
+std::string SummaryHost::osDescription() const {
+  return helperUtil::getOsDescription();
+}
+std::string SummaryHost::userName() const {
+  return helperUtil::getSessionUser();
+}
 std::string SummaryHost::absolutePath(const std::string& path) const {
   return helperUtil::toAbsolutePath(path);
 }
 
 collector::collector(XMLObject* request, std::list<KEELComponent*>* unprocessedIds,
-                     const std::string& bundlePath, bool includeLegacyLogs,
-                     bool includeSystemLogs)
+                     const std::string& bundlePath, bool includeLegacyLogs, bool includeSystemLogs)
     : m_pXMLRequest(request),
       unprocessedIds_(unprocessedIds),
       bundlePath_(bundlePath),
@@ -99,7 +108,9 @@ collector::collector(XMLObject* request, std::list<KEELComponent*>* unprocessedI
   (void)constructed_;
 }
 
-collector::~collector() { delete m_pXMLSummary; }
+collector::~collector() {
+  delete m_pXMLSummary;
+}
 
 std::mutex& collector::summaryLock() {
   static std::mutex lock;
@@ -139,7 +150,8 @@ std::vector<KEELComponent*> collector::getFileGroupFileComponents(KEELComponent*
 void collector::sortById(std::vector<KEELComponent*>& files) {
   std::stable_sort(files.begin(), files.end(), [](KEELComponent* a, KEELComponent* b) {
     // A side without an id is never less, so both keep their places.
-    if (!HasAttribute(a, "id") || !HasAttribute(b, "id")) return false;
+    if (!HasAttribute(a, "id") || !HasAttribute(b, "id"))
+      return false;
     return AttributeValue(a, "id") < AttributeValue(b, "id");
   });
 }
@@ -165,7 +177,8 @@ ResultCode collector::Collect(std::string& tempFolder, XMLObject* config) {
   }
   ActionSettings settings;
   settings.m_pXMLSummary = m_pXMLSummary;
-  if (tempFolder.empty()) tempFolder = helperUtil::translatePath(kDefaultTempFolder);
+  if (tempFolder.empty())
+    tempFolder = helperUtil::translatePath(kDefaultTempFolder);
   if (m_pXMLRequest->GetRoot() != nullptr) {
     selectByRequest(tempFolder, *config, settings);
   } else {
@@ -191,7 +204,8 @@ void collector::selectByDefault(std::string& tempFolder, XMLObject& config,
     const std::string groupFolder = getDirectory(group, tempFolder);
     for (KEELComponent* file : files) {
       const std::string id = AttributeValue(file, "id");
-      if (!includeSystemLogs_ && IsSystemLogId(id)) continue;
+      if (!includeSystemLogs_ && IsSystemLogId(id))
+        continue;
       if (!isDefault(file) && !legacyGroup) {
         helperUtil::fillSummaryNote(
             m_pXMLSummary,
@@ -231,7 +245,8 @@ void collector::selectByRequest(std::string& tempFolder, XMLObject& config,
       if (id == "summary") {
         if (summaryPath_.empty()) {
           std::string name = ChildValue(entry, "name");
-          if (name.empty()) name = "summary.txt";
+          if (name.empty())
+            name = "summary.txt";
           summaryPath_ = helperUtil::translatePath(tempFolder + "/" + name);
         }
         continue;
@@ -240,7 +255,8 @@ void collector::selectByRequest(std::string& tempFolder, XMLObject& config,
       while (position < offered.size() && AttributeValue(offered[position], "id") < id) {
         ++position;
       }
-      if (position == offered.size() || AttributeValue(offered[position], "id") != id) continue;
+      if (position == offered.size() || AttributeValue(offered[position], "id") != id)
+        continue;
       KEELComponent* file = offered[position];
       const ResultCode result = moveReaderToCorrectOS(file);
       if (result != 0) {
@@ -254,8 +270,7 @@ void collector::selectByRequest(std::string& tempFolder, XMLObject& config,
       runCollection(settings);
       removeFromUnprocessedList(entry);
     }
-    std::call_once(g_commentsOnce,
-                   [&] { writeComments(commentsComponent, tempFolder); });
+    std::call_once(g_commentsOnce, [&] { writeComments(commentsComponent, tempFolder); });
   }
 }
 
@@ -284,8 +299,10 @@ ResultCode collector::Clear(XMLObject* config) {
     sortById(files);
     for (KEELComponent* file : files) {
       const std::string id = AttributeValue(file, "id");
-      if (!includeSystemLogs_ && IsSystemLogId(id)) continue;
-      if (!isDefault(file)) continue;
+      if (!includeSystemLogs_ && IsSystemLogId(id))
+        continue;
+      if (!isDefault(file))
+        continue;
       const ResultCode result = moveReaderToCorrectOS(file);
       if (result != 0) {
         KLOG_RC(LOG_LEVEL_I, "collector::moveReaderToCorrectOS", result);
@@ -312,7 +329,8 @@ std::string collector::getDirectory(KEELComponent* component, const std::string&
     KLOG_E("unexpected KEEL component type; expected fileGroup type");
     return result;
   }
-  if (!HasAttribute(component, "directoryName")) return result;
+  if (!HasAttribute(component, "directoryName"))
+    return result;
   std::string relative = AttributeValue(component, "directoryName");
   std::replace(relative.begin(), relative.end(), '\\', '/');
   const std::string full = parentFolder + "/" + relative;
@@ -320,9 +338,11 @@ std::string collector::getDirectory(KEELComponent* component, const std::string&
   // as made, so jobs making the same folder at once do no harm.
   for (size_t slash = full.find('/', 1); slash != std::string::npos;
        slash = full.find('/', slash + 1)) {
-    if (helperUtil::MakeDirectory(full.substr(0, slash)) == 0) result = full;
+    if (helperUtil::MakeDirectory(full.substr(0, slash)) == 0)
+      result = full;
   }
-  if (helperUtil::MakeDirectory(full) == 0) result = full;
+  if (helperUtil::MakeDirectory(full) == 0)
+    result = full;
   return result;
 }
 
@@ -345,12 +365,15 @@ ResultCode collector::moveReaderToCorrectOS(KEELComponent* file) {
     return KEELENGINE_ERROR_BAD_PARAMETER;
   }
   moveReaderToKEEL(file);
-  if (reader_ == nullptr || reader_->GetChildren().empty()) return KEELENGINE_ERROR_INTERNAL;
+  if (reader_ == nullptr || reader_->GetChildren().empty())
+    return KEELENGINE_ERROR_INTERNAL;
   // Walk a copy of the list: the reader moves during the walk.
   std::vector<KEELComponent*> children;
-  for (const auto& child : reader_->GetChildren()) children.push_back(child.get());
+  for (const auto& child : reader_->GetChildren())
+    children.push_back(child.get());
   for (KEELComponent* child : children) {
-    if (child == nullptr || child->GetName() != "os") continue;
+    if (child == nullptr || child->GetName() != "os")
+      continue;
     const std::string opsys = AttributeValue(child, "opsys");
     // Only "linux" can match on this platform; "mac", "win" and anything
     // else never do.
@@ -382,9 +405,11 @@ void collector::removeFromUnprocessedList(KEELComponent* component) {
 
 ResultCode collector::writeComments(KEELComponent* commentsComponent,
                                     const std::string& tempFolder) {
-  if (m_pXMLRequest == nullptr || m_pXMLRequest->GetRoot() == nullptr) return 0;
+  if (m_pXMLRequest == nullptr || m_pXMLRequest->GetRoot() == nullptr)
+    return 0;
   const std::string comments = ChildValue(m_pXMLRequest->GetRoot(), "comments");
-  if (comments.empty()) return 0;
+  if (comments.empty())
+    return 0;
   std::string fileName = "comments.txt";
   if (commentsComponent != nullptr && commentsComponent->FindChild("name") != nullptr) {
     fileName = ChildValue(commentsComponent, "name");
@@ -444,8 +469,7 @@ ResultCode collector::fillInSummaryMainInfo() {
   m_pXMLSummary->AddChild(mainInfo, "Time:", host_->timeNow());
   m_pXMLSummary->AddChild(mainInfo, "OS:", host_->osDescription());
   m_pXMLSummary->AddChild(mainInfo, "User Name:", host_->userName());
-  m_pXMLSummary->AddChild(mainInfo, "Bundle on client computer:",
-                          host_->absolutePath(bundlePath_));
+  m_pXMLSummary->AddChild(mainInfo, "Bundle on client computer:", host_->absolutePath(bundlePath_));
   return 0;
 }
 
@@ -486,12 +510,15 @@ ResultCode collector::printSummary(XMLObject* config) {
 
 void collector::writeHead(FILE* file) {
   const ResultCode result = fillInSummaryMainInfo();
-  if (result != 0) KLOG_RC(LOG_LEVEL_E, "collector::fillInSummaryMainInfo", result);
+  if (result != 0)
+    KLOG_RC(LOG_LEVEL_E, "collector::fillInSummaryMainInfo", result);
   KEELComponent* root = m_pXMLSummary != nullptr ? m_pXMLSummary->GetRoot() : nullptr;
-  if (root == nullptr) return;
+  if (root == nullptr)
+    return;
   fprintf(file, "%s\n", root->GetValue().c_str());
   KEELComponent* mainInfo = root->FindChild("Main_Info");
-  if (mainInfo == nullptr) return;
+  if (mainInfo == nullptr)
+    return;
   for (const auto& child : mainInfo->GetChildren()) {
     fprintf(file, "%-*.*s%s\n", 30, 30, child->GetName().c_str(), child->GetValue().c_str());
   }
@@ -503,8 +530,7 @@ void collector::writeSection(FILE* file, XMLObject& config) {
   fprintf(file, "%s:\n\n", title != nullptr ? title->GetValue().c_str() : "");
   fprintf(file, "Files Included in Bundle:\n");
   fprintf(file, kRowFormat, kIdWidth, kIdWidth, "ID", kNameWidth, kNameWidth, "Filename",
-          kDescriptionWidth, kDescriptionWidth, "Description", kSizeWidth, kSizeWidth,
-          "File Size");
+          kDescriptionWidth, kDescriptionWidth, "Description", kSizeWidth, kSizeWidth, "File Size");
   fprintf(file, "%*.*s\n", kIncludedRuleWidth, kIncludedRuleWidth, Rule('-').c_str());
   KEELComponent* root = m_pXMLSummary != nullptr ? m_pXMLSummary->GetRoot() : nullptr;
   KEELComponent* included = root != nullptr ? root->FindChild("Manifest_Included") : nullptr;
@@ -533,7 +559,8 @@ void collector::writeSection(FILE* file, XMLObject& config) {
 
 void collector::writeComponentRows(FILE* file, KEELComponent* parent, const char* lastAttribute,
                                    int lastWidth) {
-  if (parent == nullptr) return;
+  if (parent == nullptr)
+    return;
   for (const auto& child : parent->GetChildren()) {
     std::string id = child->GetName();
     std::string name = child->GetValue();
@@ -554,11 +581,14 @@ void collector::writeComponentRows(FILE* file, KEELComponent* parent, const char
 
 std::string collector::nextPiece(std::string& text, size_t width) {
   auto isSpace = [](char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; };
-  if (text.empty()) return std::string();
+  if (text.empty())
+    return std::string();
   size_t start = 0;
-  while (start < text.size() && isSpace(text[start])) ++start;
+  while (start < text.size() && isSpace(text[start]))
+    ++start;
   text.erase(0, start);
-  if (text.empty()) return std::string();
+  if (text.empty())
+    return std::string();
   std::string piece;
   if (width >= text.size()) {
     piece.swap(text);
@@ -577,7 +607,8 @@ std::string collector::nextPiece(std::string& text, size_t width) {
   piece = text.substr(0, cut);
   text.erase(0, cut);
   start = 0;
-  while (start < text.size() && isSpace(text[start])) ++start;
+  while (start < text.size() && isSpace(text[start]))
+    ++start;
   text.erase(0, start);
   return piece;
 }

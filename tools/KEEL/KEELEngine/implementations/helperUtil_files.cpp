@@ -364,7 +364,8 @@ void KeepFront(std::ifstream& in, std::ofstream& out, uint64_t count) {
   for (std::streamoff position = 0; position != stop; ++position) {
     const int byte = in.get();
     out.put(static_cast<char>(byte));
-    if (!in.good()) break;
+    if (!in.good())
+      break;
   }
 }
 
@@ -375,12 +376,15 @@ void KeepFront(std::ifstream& in, std::ofstream& out, uint64_t count) {
 void KeepBack(std::ifstream& in, std::ofstream& out, uint64_t count) {
   bool fits = false;
   const std::streamoff offset = toOffset(count, &fits);
-  if (fits) in.seekg(-offset, std::ios::end);
-  if (!fits || !in.good()) return;
+  if (fits)
+    in.seekg(-offset, std::ios::end);
+  if (!fits || !in.good())
+    return;
   for (;;) {
     const int byte = in.get();
     out.put(static_cast<char>(byte));
-    if (!in.good()) break;
+    if (!in.good())
+      break;
   }
 }
 
@@ -407,7 +411,8 @@ ResultCode CutThroughScratch(uint64_t count, const char* path, CutBytes cut) {
   out.close();
   std::string errorText;
   const ResultCode result = helperUtil::fileCopy(kScratchFile, path, errorText);
-  if (result != 0) KLOG_RC(LOG_LEVEL_W, "helperUtil::fileCopy", result);
+  if (result != 0)
+    KLOG_RC(LOG_LEVEL_W, "helperUtil::fileCopy", result);
   return 0;
 }
 

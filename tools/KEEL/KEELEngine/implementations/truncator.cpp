@@ -26,11 +26,14 @@ const char kNoteDataSuffix[] = "; see Note *2";
 // By id bytewise ascending (a prefix first), then by size descending.
 bool SortsBefore(const TruncAttrs& a, const TruncAttrs& b) {
   const int order = a.id.compare(b.id);
-  if (order != 0) return order < 0;
+  if (order != 0)
+    return order < 0;
   return a.size > b.size;
 }
 
-std::string FileNameOf(const std::string& path) { return helperUtil::splitAfterLast(path, "/"); }
+std::string FileNameOf(const std::string& path) {
+  return helperUtil::splitAfterLast(path, "/");
+}
 
 }  // namespace
 
@@ -55,22 +58,27 @@ ResultCode truncator::perform() {
   for (TruncAttrs& record : m_TruncAttrsList) {
     if (record.id != currentId) {
       // The previous ID ends here; the first record of an ID sets its scheme.
-      if (currentType == TRUNC_DATA) truncateGroup(group, sum);
+      if (currentType == TRUNC_DATA)
+        truncateGroup(group, sum);
       currentId = record.id;
       sum = 0.0;
       currentType = record.truncateType;
     }
     handleRecord(record, currentType, sum, group);
   }
-  if (currentType == TRUNC_DATA) truncateGroup(group, sum);
-  if (m_noteWholeUsed) helperUtil::fillSummaryNote(m_pXMLSummary, kNoteWhole);
-  if (m_noteDataUsed) helperUtil::fillSummaryNote(m_pXMLSummary, kNoteData);
+  if (currentType == TRUNC_DATA)
+    truncateGroup(group, sum);
+  if (m_noteWholeUsed)
+    helperUtil::fillSummaryNote(m_pXMLSummary, kNoteWhole);
+  if (m_noteDataUsed)
+    helperUtil::fillSummaryNote(m_pXMLSummary, kNoteData);
   return 0;
 }
 
 void truncator::truncateGroup(TruncAttrsList& group, double total) {
   const ResultCode result = DATATruncateAll(group, total);
-  if (result != 0) KLOG_RC(LOG_LEVEL_E, "truncator::DATATruncateAll", result);
+  if (result != 0)
+    KLOG_RC(LOG_LEVEL_E, "truncator::DATATruncateAll", result);
   group.clear();
 }
 
@@ -112,7 +120,8 @@ void truncator::keepOrDropWhole(TruncAttrs& record, double& sum) {
     // A file that exactly fills the allowance stays.
     record.description += kNoteWholeSuffix;
     const ResultCode result = fillSummaryGoodFile(record);
-    if (result != 0) KLOG_RC(LOG_LEVEL_E, "truncator::fillSummaryGoodFile", result);
+    if (result != 0)
+      KLOG_RC(LOG_LEVEL_E, "truncator::fillSummaryGoodFile", result);
     sum = candidate;
     return;
   }
@@ -143,20 +152,21 @@ void truncator::dropLostRecord(const TruncAttrs& record) {
 }
 
 ResultCode truncator::noTruncate() {
-  for (const TruncAttrs& record : m_TruncAttrsList) fillSummaryGoodFile(record);
+  for (const TruncAttrs& record : m_TruncAttrsList)
+    fillSummaryGoodFile(record);
   return 0;
 }
 
 ResultCode truncator::DATATruncateAll(TruncAttrsList& group, double total) {
-  if (group.empty()) return 0;
+  if (group.empty())
+    return 0;
   m_noteDataUsed = true;
   for (TruncAttrs& record : group) {
     // Rounded towards zero. A group of only empty files divides by zero;
     // its share then is no number, and nothing is cut for it.
     const double share = record.size * record.limit / total;
     const uint64_t bytes =
-        std::isfinite(share) && share > 0 ? static_cast<uint64_t>(static_cast<int64_t>(share))
-                                          : 0;
+        std::isfinite(share) && share > 0 ? static_cast<uint64_t>(static_cast<int64_t>(share)) : 0;
     switch (record.defaultType) {
       case TRUNC_END:
         helperUtil::fileTruncateEnd(bytes, record.path);
@@ -176,7 +186,8 @@ ResultCode truncator::DATATruncateAll(TruncAttrsList& group, double total) {
     }
     record.description += kNoteDataSuffix;
     const ResultCode result = fillSummaryGoodFile(record);
-    if (result != 0) KLOG_RC(LOG_LEVEL_E, "truncator::fillSummaryGoodFile", result);
+    if (result != 0)
+      KLOG_RC(LOG_LEVEL_E, "truncator::fillSummaryGoodFile", result);
   }
   return 0;
 }

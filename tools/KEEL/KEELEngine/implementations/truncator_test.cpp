@@ -66,7 +66,8 @@ class TruncatorTest : public ::testing::Test {
     record.id = id;
     record.path = dir.Sub(name);
     std::string content;
-    for (size_t i = 0; i < size; ++i) content += static_cast<char>('a' + i % 26);
+    for (size_t i = 0; i < size; ++i)
+      content += static_cast<char>('a' + i % 26);
     EXPECT_TRUE(WriteFile(record.path, content));
     record.description = "desc " + name;
     record.size = static_cast<double>(size);
@@ -119,7 +120,8 @@ TEST_F(TruncatorTest, SortPutsAPrefixFirstAndComparesExactly) {
   truncator cutter(records, summary.get());
   cutter.perform();
   std::vector<std::string> order;
-  for (const TruncAttrs& record : cutter.records()) order.push_back(record.id + ":" + record.path.substr(dir.path().size() + 1));
+  for (const TruncAttrs& record : cutter.records())
+    order.push_back(record.id + ":" + record.path.substr(dir.path().size() + 1));
   // "A" sorts before "a" bytewise; within "a" the larger file comes first.
   EXPECT_EQ(order, (std::vector<std::string>{"A:4", "a:3", "a:2", "ab:1"}));
 }
