@@ -22,6 +22,15 @@ std::string Quote(const std::string& text) {
   return quoted + "'";
 }
 
+// The name directly below /tmp that leads to the test trees, when they lie
+// there: it is made again in the private /tmp and is no leftover of a run.
+std::string TreeTopBelowTmp() {
+  const std::string base = IsolatedTreeBase();
+  if (base.compare(0, 5, "/tmp/") != 0)
+    return "/";  // a name no listing holds
+  return base.substr(5, base.find('/', 5) - 5);
+}
+
 }  // namespace
 
 bool NamespacesAvailable() {
@@ -51,14 +60,23 @@ IsolatedResult RunIsolated(const std::vector<std::string>& argv,
   for (const std::string& entry : env)
     environment += " " + Quote(entry);
   const std::string script =
+      // The folder of the test trees may itself lie below /tmp (a build in
+      // a clone there): a descriptor held across the mount lets it be bound
+      // back at its own path inside the fresh /tmp.
+      "exec 9< " + Quote(IsolatedTreeBase()) + " || exit 89\n" +
       "mount -t tmpfs tmpfs /tmp || exit 90\n"
+      "case " +
+      Quote(IsolatedTreeBase()) + " in /tmp/*) mkdir -p " + Quote(IsolatedTreeBase()) +
+      " && mount --no-canonicalize --bind /proc/self/fd/9 " + Quote(IsolatedTreeBase()) +
+      " || exit 95;; esac\n"
       "if [ -d /opt ]; then mount -t tmpfs tmpfs /opt || exit 91; fi\n"
       "mount -t tmpfs tmpfs /etc || exit 92\n"
       "printf '%s' " +
       Quote(kIsolatedOsRelease) + " > /etc/os-release\n" + prepare + "\ncd " + Quote(cwd) +
       " || exit 93\n" + environment + command + " > " + Quote(scratch + "/stdout") + " 2> " +
       Quote(scratch + "/stderr") + "\n" + "echo $? > " + Quote(scratch + "/status") + "\n" +
-      "ls -A /tmp > " + Quote(scratch + "/tmp-listing") + "\n" + "{ " +
+      "ls -A /tmp | grep -v -x -F " + Quote(TreeTopBelowTmp()) + " > " +
+      Quote(scratch + "/tmp-listing") + "\n" + "{ " +
       (inspect.empty() ? std::string(":") : inspect) + "\n} > " + Quote(scratch + "/inspect.txt") +
       " 2>&1\n";
   CommandResult shell = Run({"unshare", "-m", "sh", "-c", script});

@@ -288,11 +288,11 @@ TEST_F(BundleRun, PlainWorkingFolderWithOnlyFilesIsReused) {
   const std::string bundle = tree_->Sub("out/reuse.zip");
   const IsolatedResult run = Keel(
       {"-dst", bundle}, "mkdir /tmp/KEEL_Temp_Bundle && echo old > /tmp/KEEL_Temp_Bundle/old.txt",
-      "find /tmp | sort");
+      "find /tmp/KEEL_Temp_Bundle* | sort");
   ASSERT_EQ(run.status, 0) << run.err;
   EXPECT_EQ(run.tmpListing, "KEEL_Temp_Bundle\n");
   EXPECT_EQ(Inspect(),
-            "/tmp\n/tmp/KEEL_Temp_Bundle\n/tmp/KEEL_Temp_Bundle/kept\n"
+            "/tmp/KEEL_Temp_Bundle\n/tmp/KEEL_Temp_Bundle/kept\n"
             "/tmp/KEEL_Temp_Bundle/kept/a.log\n");
   EXPECT_EQ(ZipEntryNames(bundle), (std::vector<std::string>{"kept/a.log", "summary.txt"}));
 }
@@ -303,11 +303,11 @@ TEST_F(BundleRun, PlainWorkingFolderWithASubFolderMakesAFreshOne) {
   const IsolatedResult run =
       Keel({"-dst", bundle},
            "mkdir -p /tmp/KEEL_Temp_Bundle/sub && echo x > /tmp/KEEL_Temp_Bundle/sub/x",
-           "find /tmp | sort");
+           "find /tmp/KEEL_Temp_Bundle* | sort");
   ASSERT_EQ(run.status, 0) << run.err;
   // The old folder lost its file-free top only; the fresh one is gone.
   EXPECT_EQ(Inspect(),
-            "/tmp\n/tmp/KEEL_Temp_Bundle\n/tmp/KEEL_Temp_Bundle/sub\n"
+            "/tmp/KEEL_Temp_Bundle\n/tmp/KEEL_Temp_Bundle/sub\n"
             "/tmp/KEEL_Temp_Bundle/sub/x\n");
   EXPECT_EQ(ZipEntryNames(bundle), (std::vector<std::string>{"a.log", "summary.txt"}));
   EXPECT_NE(run.log.find("Invoked Function: helperUtil::fileDeleteDirectory Return Code: "
