@@ -70,7 +70,7 @@ ResultCode CUnixImpersonate::impersonate(const passwd* entry, bool permanent) {
   return 0;
 }
 
-ResultCode CUnixImpersonate::Start() {
+ResultCode CUnixImpersonate::becomeUser(bool permanent) {
   errno = 0;
   const passwd* entry = getpwnam(m_userName.c_str());
   if (entry == nullptr) {
@@ -80,33 +80,23 @@ ResultCode CUnixImpersonate::Start() {
                 text.c_str(), m_userName.c_str());
     return GLOBAL_ERROR_UNEXPECTED;
   }
-  const ResultCode code = impersonate(entry, false);
+  const ResultCode code = impersonate(entry, permanent);
   if (code != 0) {
     KLOG_RC(LOG_LEVEL_E, "CUnixImpersonate::impersonate", code);
     return code;
   }
-  m_isImpersonating = true;
+  // A temporary change is undone by Stop; a permanent one leaves nothing to
+  // undo.
+  m_isImpersonating = !permanent;
   return 0;
 }
 
+ResultCode CUnixImpersonate::Start() {
+  return becomeUser(false);
+}
+
 ResultCode CUnixImpersonate::PermanentlyBecomeUser() {
-  errno = 0;
-  const passwd* entry = getpwnam(m_userName.c_str());
-  if (entry == nullptr) {
-    const int error = errno;
-    const std::string text = ErrnoText(error);
-    KLOG_RC_FMT(LOG_LEVEL_E, "getpwnam", static_cast<ResultCode>(error), "error: %s; username: %s",
-                text.c_str(), m_userName.c_str());
-    return GLOBAL_ERROR_UNEXPECTED;
-  }
-  const ResultCode code = impersonate(entry, true);
-  if (code != 0) {
-    KLOG_RC(LOG_LEVEL_E, "CUnixImpersonate::impersonate", code);
-    return code;
-  }
-  // Nothing is left to undo.
-  m_isImpersonating = false;
-  return 0;
+  return becomeUser(true);
 }
 
 ResultCode CUnixImpersonate::Stop() {

@@ -58,6 +58,8 @@ class CUnixImpersonate {
  private:
   // The shared step of Start and PermanentlyBecomeUser.
   ResultCode impersonate(const passwd* entry, bool permanent);
+  // Looks the account up and takes its identity, for a while or for good.
+  ResultCode becomeUser(bool permanent);
 
   std::string m_userName;
   bool m_isImpersonating = false;
