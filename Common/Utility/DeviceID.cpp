@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "Common/Log/Log.h"
+#include "Common/Utility/ScopedHandles.h"
 
 namespace {
 
@@ -19,11 +20,6 @@ struct MountTableCloser {
   void operator()(FILE* table) const { endmntent(table); }
 };
 using MountTable = std::unique_ptr<FILE, MountTableCloser>;
-
-struct DirCloser {
-  void operator()(DIR* dir) const { closedir(dir); }
-};
-using DirHandle = std::unique_ptr<DIR, DirCloser>;
 
 // Room for one line of the mount table; longer lines are cut by the C library.
 constexpr size_t kMountLineSize = 8192;

@@ -13,6 +13,7 @@
 #include <random>
 
 #include "Common/Log/Log.h"
+#include "Common/Utility/ScopedHandles.h"
 #include "Common/Zip/ZipCrypto.h"
 
 namespace {
@@ -57,17 +58,6 @@ const char* LibraryCodeText(int code) {
                      static_cast<ResultCode>(code), LibraryCodeText(code), __VA_ARGS__)
 
 namespace {
-
-// Owners of the C handles, so that every return path closes them.
-struct FileCloser {
-  void operator()(FILE* file) const { fclose(file); }
-};
-using FileHandle = std::unique_ptr<FILE, FileCloser>;
-
-struct DirCloser {
-  void operator()(DIR* dir) const { closedir(dir); }
-};
-using DirHandle = std::unique_ptr<DIR, DirCloser>;
 
 // zipClose without an archive comment.
 struct ZipCloser {

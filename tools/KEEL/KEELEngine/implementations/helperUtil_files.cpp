@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "Common/Log/Log.h"
+#include "Common/Utility/ScopedHandles.h"
 #include "Common/Utility/sysutils.h"
 #include "tools/KEEL/KEELEngine/implementations/helperUtil.h"
 
@@ -20,16 +21,6 @@ namespace {
 
 constexpr size_t kCopyBlockSize = 4096;
 constexpr char kScratchFile[] = "temp_out.txt";
-
-struct FileCloser {
-  void operator()(FILE* file) const { fclose(file); }
-};
-using FileHandle = std::unique_ptr<FILE, FileCloser>;
-
-struct DirCloser {
-  void operator()(DIR* dir) const { closedir(dir); }
-};
-using DirHandle = std::unique_ptr<DIR, DirCloser>;
 
 // The folders on the current recursion path, by device and inode. Links are
 // followed, so a link back to one of them would otherwise recurse without
