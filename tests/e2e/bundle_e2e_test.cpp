@@ -14,6 +14,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/e2e/E2eSupport.h"
+#include "tests/support/CliTexts.h"
 #include "tests/support/TestSupport.h"
 
 namespace fs = std::filesystem;
@@ -32,10 +33,6 @@ std::vector<std::string> ZipEntryNames(const std::string& archive) {
   std::sort(names.begin(), names.end());
   return names;
 }
-
-const char kVersionBlock[] =
-    "\r\nVelon Tessel Client - Keel Reporting Tool 5.1.9.113 .\r\n\r\n"
-    "Copyright (c) 2026 Velon Networks. All rights reserved.\n\r\n";
 
 // One instruction group that copies each of `patterns` as its own file ID.
 std::string Config(const std::string& title, const std::vector<std::string>& ids,
@@ -127,7 +124,7 @@ class BundleRun : public ::testing::Test {
 
   std::string Announce(const std::string& location, bool custom,
                        const std::string& extra = "") const {
-    return std::string(kVersionBlock) +
+    return std::string(keeltest::kVersion) +
            "Bundle option selected: " + (custom ? "custom" : "default") +
            "\r\nBundle location: " + location + "\r\n" + extra + "\r\n";
   }

@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/e2e/E2eSupport.h"
+#include "tests/support/CliTexts.h"
 #include "tests/support/TestSupport.h"
 
 namespace fs = std::filesystem;
@@ -23,9 +24,7 @@ using keeltest::ProgressLine;
 using keeltest::ReadFile;
 using keeltest::WriteFile;
 
-const char kVersionBlock[] =
-    "\r\nVelon Tessel Client - Keel Reporting Tool 5.1.9.113 .\r\n\r\n"
-    "Copyright (c) 2026 Velon Networks. All rights reserved.\n\r\n";
+using keeltest::kVersion;
 
 const char kLegacyGroup[] = "Legacy - Velon Tidewalker Tessel Mobility Client";
 
@@ -125,7 +124,7 @@ class ClearRun : public ::testing::Test {
 
   // What a clear run prints from start to end.
   static std::string ClearConsole() {
-    return std::string(kVersionBlock) + "\r\n" + ProgressLine("Starting up KEEL Engine...", 1) +
+    return std::string(kVersion) + "\r\n" + ProgressLine("Starting up KEEL Engine...", 1) +
            ProgressLine("KEEL has finished... ", 100) + "\r\n\r\n";
   }
 
@@ -284,7 +283,7 @@ TEST_F(ClearRun, LocationsAreTakenApartAtTheirLastSlash) {
 TEST_F(ClearRun, NoInstructionFilesEndsWithTheInternalError) {
   const IsolatedResult run = Keel({"-clearlogs"});
   EXPECT_EQ(run.status, 0);
-  EXPECT_EQ(run.out, std::string(kVersionBlock) + "\r\n" +
+  EXPECT_EQ(run.out, std::string(kVersion) + "\r\n" +
                          ProgressLine("Starting up KEEL Engine...", 1) +
                          "\r\nInternal Error: no valid configuration XML found...\r\n");
   EXPECT_EQ(run.tmpListing, "");

@@ -18,6 +18,7 @@
 
 #include "Common/Result/ResultCode.h"
 #include "tests/e2e/E2eSupport.h"
+#include "tests/support/CliTexts.h"
 #include "tests/support/TestSupport.h"
 
 namespace fs = std::filesystem;
@@ -193,10 +194,9 @@ class ProgramRun : public ::testing::Test {
   // The whole console of a custom run with one config; `middle` is what
   // stands between reading the instructions and zipping.
   static std::string Console(const std::string& bundle, const std::string& middle) {
-    return "\r\nVelon Tessel Client - Keel Reporting Tool 5.1.9.113 .\r\n\r\n"
-           "Copyright (c) 2026 Velon Networks. All rights reserved.\n\r\n"
-           "Bundle option selected: custom\r\nBundle location: " +
-           bundle + "\r\n\r\n" + ProgressLine("Starting up KEEL Engine...", 1) +
+    return std::string(keeltest::kVersion) +
+           "Bundle option selected: custom\r\nBundle location: " + bundle + "\r\n\r\n" +
+           ProgressLine("Starting up KEEL Engine...", 1) +
            ProgressLine("Parsing request and configuration XMLs...", 1) +
            ProgressLine("Reading instructions ...", 4) + middle +
            ProgressLine("Zipping the bundle, please wait...", 96) +
