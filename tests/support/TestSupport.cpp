@@ -12,6 +12,8 @@
 #include <fstream>
 #include <sstream>
 
+#include <gtest/gtest.h>
+
 namespace fs = std::filesystem;
 
 namespace keeltest {
@@ -29,6 +31,20 @@ TempDir::~TempDir() {
   // Restore rights on everything first, so that unreadable folders go too.
   Shell("chmod -R u+rwx '" + m_path + "' 2>/dev/null");
   fs::remove_all(m_path, error);
+}
+
+ScopedCwd::ScopedCwd(const std::string& folder) {
+  char buffer[4096];
+  if (getcwd(buffer, sizeof(buffer)) != nullptr)
+    m_old = buffer;
+  m_ok = chdir(folder.c_str()) == 0;
+  if (!m_ok)
+    ADD_FAILURE() << "cannot change to " << folder;
+}
+
+ScopedCwd::~ScopedCwd() {
+  if (!m_old.empty() && chdir(m_old.c_str()) != 0)
+    ADD_FAILURE() << "cannot return to " << m_old;
 }
 
 bool WriteFile(const std::string& path, const std::string& content) {

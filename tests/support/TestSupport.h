@@ -31,6 +31,21 @@ class TempDir {
   std::string m_path;
 };
 
+// Makes the process work in `folder` for the life of the object; a folder
+// that cannot be entered fails the running test.
+class ScopedCwd {
+ public:
+  explicit ScopedCwd(const std::string& folder);
+  ~ScopedCwd();
+  ScopedCwd(const ScopedCwd&) = delete;
+  ScopedCwd& operator=(const ScopedCwd&) = delete;
+  bool ok() const { return m_ok; }
+
+ private:
+  std::string m_old;
+  bool m_ok = false;
+};
+
 // Writes `content` to `path`, making parent folders; returns success.
 bool WriteFile(const std::string& path, const std::string& content);
 // The whole content of `path`, or "<missing>" if it can't be read.

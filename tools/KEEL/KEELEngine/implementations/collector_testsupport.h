@@ -65,25 +65,7 @@ inline std::string FixedHead() {
          "Bundle on client computer:    /home/tester/report\n";
 }
 
-// Makes the process work in `folder` for the life of the object.
-class ScopedCwd {
- public:
-  explicit ScopedCwd(const std::string& folder) {
-    char buffer[4096];
-    if (getcwd(buffer, sizeof(buffer)) != nullptr)
-      m_old = buffer;
-    m_ok = chdir(folder.c_str()) == 0;
-  }
-  ~ScopedCwd() {
-    if (!m_old.empty() && chdir(m_old.c_str()) != 0)
-      ADD_FAILURE() << "cannot return to " << m_old;
-  }
-  bool ok() const { return m_ok; }
-
- private:
-  std::string m_old;
-  bool m_ok = false;
-};
+using keeltest::ScopedCwd;
 
 // An instruction that copies `loc` on Linux. `defaultText` empty leaves
 // out the `default` element; `extra` goes into the file element ahead of

@@ -76,23 +76,7 @@ int RunUnprivileged(const std::function<int()>& body) {
     EXPECT_EQ(0, status_) << "check " << status_ << " failed in the child"; \
   } while (0)
 
-// Changes the current folder for the life of the object.
-class ScopedCwd {
- public:
-  explicit ScopedCwd(const std::string& folder) {
-    char buffer[PATH_MAX];
-    if (getcwd(buffer, sizeof(buffer)) != nullptr)
-      m_old = buffer;
-    EXPECT_EQ(0, chdir(folder.c_str()));
-  }
-  ~ScopedCwd() {
-    if (!m_old.empty() && chdir(m_old.c_str()) != 0)
-      ADD_FAILURE() << "cannot return to " << m_old;
-  }
-
- private:
-  std::string m_old;
-};
+using keeltest::ScopedCwd;
 
 }  // namespace
 

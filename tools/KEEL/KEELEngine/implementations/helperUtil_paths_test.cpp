@@ -41,23 +41,7 @@ class ScopedEnv {
   bool m_hadOld = false;
 };
 
-// Changes the current folder for the life of the object.
-class ScopedCwd {
- public:
-  explicit ScopedCwd(const std::string& folder) {
-    char buffer[PATH_MAX];
-    if (getcwd(buffer, sizeof(buffer)) != nullptr)
-      m_old = buffer;
-    EXPECT_EQ(0, chdir(folder.c_str()));
-  }
-  ~ScopedCwd() {
-    if (!m_old.empty() && chdir(m_old.c_str()) != 0)
-      ADD_FAILURE() << "cannot return to " << m_old;
-  }
-
- private:
-  std::string m_old;
-};
+using keeltest::ScopedCwd;
 
 std::string realFolder(const std::string& path) {
   char buffer[PATH_MAX];

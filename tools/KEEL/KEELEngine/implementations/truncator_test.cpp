@@ -78,6 +78,9 @@ class TruncatorTest : public ::testing::Test {
   }
 
   TempDir dir;
+  // The cutting functions go through a scratch file in the current folder;
+  // each test keeps its own, so that tests running at once never share it.
+  keeltest::ScopedCwd cwd{dir.path()};
   std::unique_ptr<XMLObject> summary = MakeSummary();
 };
 
