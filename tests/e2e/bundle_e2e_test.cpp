@@ -86,6 +86,14 @@ std::string SectionHead(const std::string& title) {
          Row("ID", "Filename", "Description", "File Size", 10) + std::string(101, '-') + "\n";
 }
 
+// The whole summary.txt (time masked) of a run whose one config, "First
+// Config", copied a.log.
+std::string AlphaSummary(const std::string& bundle) {
+  return Head(bundle) + SectionHead("First Config") +
+         Row("alpha", "a.log", "alpha files", "10 bytes", 10) + std::string(101, '-') + "\n" +
+         "\n\nNo instruction found in any config for the following file ID's from request:\n";
+}
+
 const char kTail[] =
     "\n\nNo instruction found in any config for the following file ID's from request:\n";
 
@@ -161,6 +169,8 @@ TEST_F(BundleRun, CustomRunWithZipNameWritesThere) {
   EXPECT_EQ(run.out, Announce(bundle, true) + StartOfEngine() +
                          ProgressLine("Reading instructions ...", 4) + EndOfBundleRun());
   EXPECT_EQ(ZipEntryNames(bundle), (std::vector<std::string>{"a.log", "summary.txt"}));
+  EXPECT_EQ(ZipEntry(bundle, "a.log"), "alpha log\n");
+  EXPECT_EQ(MaskTime(ZipEntry(bundle, "summary.txt")), AlphaSummary(bundle));
 }
 
 TEST_F(BundleRun, CustomRunWithoutZipGetsTheExtensionButTheSummaryShowsTheGivenPath) {
@@ -171,7 +181,7 @@ TEST_F(BundleRun, CustomRunWithoutZipGetsTheExtensionButTheSummaryShowsTheGivenP
   EXPECT_FALSE(keeltest::PathExists(given));
   const std::string bundle = given + ".zip";
   ASSERT_TRUE(keeltest::PathExists(bundle));
-  EXPECT_EQ(MaskTime(ZipEntry(bundle, "summary.txt")).substr(0, Head(given).size()), Head(given));
+  EXPECT_EQ(MaskTime(ZipEntry(bundle, "summary.txt")), AlphaSummary(given));
 }
 
 TEST_F(BundleRun, TwLogsTakesTheWholeLegacyGroup) {
@@ -188,18 +198,23 @@ TEST_F(BundleRun, TwLogsTakesTheWholeLegacyGroup) {
   ASSERT_EQ(run.status, 0) << run.err;
   const std::string announced = Announce(
       bundle, true, "Including Legacy - Velon Tidewalker Tessel Mobility Client logs.\r\n");
-  EXPECT_EQ(run.out.substr(0, announced.size()), announced);
+  EXPECT_EQ(run.out, announced + StartOfEngine() + ProgressLine("Reading instructions ...", 4) +
+                         EndOfBundleRun());
   EXPECT_EQ(ZipEntryNames(bundle), (std::vector<std::string>{"c.txt", "summary.txt"}));
+  EXPECT_EQ(MaskTime(ZipEntry(bundle, "summary.txt")),
+            Head(bundle) + SectionHead("Legacy") + Row("old", "c.txt", "old logs", "6 bytes", 10) +
+                std::string(101, '-') + "\n" + kTail);
 
   // Without the option the file is only named in a note.
   const std::string plain = tree_->Sub("out/plain.zip");
   run = Keel({"-dst", plain});
   ASSERT_EQ(run.status, 0);
   EXPECT_EQ(ZipEntryNames(plain), (std::vector<std::string>{"summary.txt"}));
-  EXPECT_NE(ZipEntry(plain, "summary.txt")
-                .find("\n\nNotes:\n - The file(s) of ID old is/are not included by default by "
-                      "this config.\n"),
-            std::string::npos);
+  EXPECT_EQ(MaskTime(ZipEntry(plain, "summary.txt")),
+            Head(plain) + SectionHead("Legacy") + std::string(101, '-') +
+                "\n\n\nNotes:\n - The file(s) of ID old is/are not included by default by this "
+                "config.\n" +
+                kTail);
 }
 
 TEST_F(BundleRun, SeveralConfigsEachAddTheirSection) {
@@ -292,6 +307,8 @@ TEST_F(BundleRun, PlainWorkingFolderWithOnlyFilesIsReused) {
             "/tmp/KEEL_Temp_Bundle\n/tmp/KEEL_Temp_Bundle/kept\n"
             "/tmp/KEEL_Temp_Bundle/kept/a.log\n");
   EXPECT_EQ(ZipEntryNames(bundle), (std::vector<std::string>{"kept/a.log", "summary.txt"}));
+  EXPECT_EQ(ZipEntry(bundle, "kept/a.log"), "alpha log\n");
+  EXPECT_EQ(MaskTime(ZipEntry(bundle, "summary.txt")), AlphaSummary(bundle));
 }
 
 TEST_F(BundleRun, PlainWorkingFolderWithASubFolderMakesAFreshOne) {
@@ -307,6 +324,7 @@ TEST_F(BundleRun, PlainWorkingFolderWithASubFolderMakesAFreshOne) {
             "/tmp/KEEL_Temp_Bundle\n/tmp/KEEL_Temp_Bundle/sub\n"
             "/tmp/KEEL_Temp_Bundle/sub/x\n");
   EXPECT_EQ(ZipEntryNames(bundle), (std::vector<std::string>{"a.log", "summary.txt"}));
+  EXPECT_EQ(MaskTime(ZipEntry(bundle, "summary.txt")), AlphaSummary(bundle));
   EXPECT_NE(run.log.find("Invoked Function: helperUtil::fileDeleteDirectory Return Code: "
                          "-22020087 (0xFEB00009)"),
             std::string::npos);
