@@ -45,11 +45,6 @@ IsolatedResult RunIsolated(const std::vector<std::string>& argv,
 // 90 columns, a blank and the percentage.
 std::string ProgressLine(const std::string& message, int percent);
 
-// Entry names of a zip file and the bytes of one entry, read by Python's
-// zipfile (after testzip() found no fault).
-std::vector<std::string> ZipEntryNames(const std::string& archive);
-std::string ZipEntry(const std::string& archive, const std::string& name);
-
 }  // namespace keeltest
 
 #endif  // TESTS_E2E_E2ESUPPORT_H_

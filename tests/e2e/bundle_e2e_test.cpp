@@ -24,15 +24,9 @@ namespace {
 using keeltest::IsolatedResult;
 using keeltest::ProgressLine;
 using keeltest::ReadFile;
+using keeltest::SortedZipEntryNames;
 using keeltest::WriteFile;
 using keeltest::ZipEntry;
-
-// Entry names sorted: the archive lists them in the folder walk's order.
-std::vector<std::string> ZipEntryNames(const std::string& archive) {
-  std::vector<std::string> names = keeltest::ZipEntryNames(archive);
-  std::sort(names.begin(), names.end());
-  return names;
-}
 
 // One instruction group that copies each of `patterns` as its own file ID.
 std::string Config(const std::string& title, const std::vector<std::string>& ids,
@@ -152,7 +146,7 @@ TEST_F(BundleRun, DefaultRunPutsATimeStampedBundleOnTheDesktop) {
   EXPECT_EQ(run.out, Announce(bundle, false) + StartOfEngine() +
                          ProgressLine("Reading instructions ...", 4) + EndOfBundleRun());
   EXPECT_EQ(run.err, "");
-  EXPECT_EQ(ZipEntryNames(bundle), (std::vector<std::string>{"a.log", "summary.txt"}));
+  EXPECT_EQ(SortedZipEntryNames(bundle), (std::vector<std::string>{"a.log", "summary.txt"}));
   EXPECT_EQ(ZipEntry(bundle, "a.log"), "alpha log\n");
   EXPECT_EQ(MaskTime(ZipEntry(bundle, "summary.txt")),
             Head(bundle) + SectionHead("First Config") +
@@ -168,7 +162,7 @@ TEST_F(BundleRun, CustomRunWithZipNameWritesThere) {
   ASSERT_EQ(run.status, 0) << run.err;
   EXPECT_EQ(run.out, Announce(bundle, true) + StartOfEngine() +
                          ProgressLine("Reading instructions ...", 4) + EndOfBundleRun());
-  EXPECT_EQ(ZipEntryNames(bundle), (std::vector<std::string>{"a.log", "summary.txt"}));
+  EXPECT_EQ(SortedZipEntryNames(bundle), (std::vector<std::string>{"a.log", "summary.txt"}));
   EXPECT_EQ(ZipEntry(bundle, "a.log"), "alpha log\n");
   EXPECT_EQ(MaskTime(ZipEntry(bundle, "summary.txt")), AlphaSummary(bundle));
 }
@@ -200,7 +194,7 @@ TEST_F(BundleRun, TwLogsTakesTheWholeLegacyGroup) {
       bundle, true, "Including Legacy - Velon Tidewalker Tessel Mobility Client logs.\r\n");
   EXPECT_EQ(run.out, announced + StartOfEngine() + ProgressLine("Reading instructions ...", 4) +
                          EndOfBundleRun());
-  EXPECT_EQ(ZipEntryNames(bundle), (std::vector<std::string>{"c.txt", "summary.txt"}));
+  EXPECT_EQ(SortedZipEntryNames(bundle), (std::vector<std::string>{"c.txt", "summary.txt"}));
   EXPECT_EQ(MaskTime(ZipEntry(bundle, "summary.txt")),
             Head(bundle) + SectionHead("Legacy") + Row("old", "c.txt", "old logs", "6 bytes", 10) +
                 std::string(101, '-') + "\n" + kTail);
@@ -209,7 +203,7 @@ TEST_F(BundleRun, TwLogsTakesTheWholeLegacyGroup) {
   const std::string plain = tree_->Sub("out/plain.zip");
   run = Keel({"-dst", plain});
   ASSERT_EQ(run.status, 0);
-  EXPECT_EQ(ZipEntryNames(plain), (std::vector<std::string>{"summary.txt"}));
+  EXPECT_EQ(SortedZipEntryNames(plain), (std::vector<std::string>{"summary.txt"}));
   EXPECT_EQ(MaskTime(ZipEntry(plain, "summary.txt")),
             Head(plain) + SectionHead("Legacy") + std::string(101, '-') +
                 "\n\n\nNotes:\n - The file(s) of ID old is/are not included by default by this "
@@ -227,7 +221,7 @@ TEST_F(BundleRun, SeveralConfigsEachAddTheirSection) {
   EXPECT_EQ(run.out.substr(0, Announce(bundle, true).size()), Announce(bundle, true));
   const std::string end = EndOfBundleRun();
   EXPECT_EQ(run.out.substr(run.out.size() - end.size()), end);
-  EXPECT_EQ(ZipEntryNames(bundle),
+  EXPECT_EQ(SortedZipEntryNames(bundle),
             (std::vector<std::string>{"a.log", "b.log", "c.txt", "summary.txt"}));
   EXPECT_EQ(ZipEntry(bundle, "b.log"), std::string(5000, 'b'));
   const std::string summary = MaskTime(ZipEntry(bundle, "summary.txt"));
@@ -306,7 +300,7 @@ TEST_F(BundleRun, PlainWorkingFolderWithOnlyFilesIsReused) {
   EXPECT_EQ(Inspect(),
             "/tmp/KEEL_Temp_Bundle\n/tmp/KEEL_Temp_Bundle/kept\n"
             "/tmp/KEEL_Temp_Bundle/kept/a.log\n");
-  EXPECT_EQ(ZipEntryNames(bundle), (std::vector<std::string>{"kept/a.log", "summary.txt"}));
+  EXPECT_EQ(SortedZipEntryNames(bundle), (std::vector<std::string>{"kept/a.log", "summary.txt"}));
   EXPECT_EQ(ZipEntry(bundle, "kept/a.log"), "alpha log\n");
   EXPECT_EQ(MaskTime(ZipEntry(bundle, "summary.txt")), AlphaSummary(bundle));
 }
@@ -323,7 +317,7 @@ TEST_F(BundleRun, PlainWorkingFolderWithASubFolderMakesAFreshOne) {
   EXPECT_EQ(Inspect(),
             "/tmp/KEEL_Temp_Bundle\n/tmp/KEEL_Temp_Bundle/sub\n"
             "/tmp/KEEL_Temp_Bundle/sub/x\n");
-  EXPECT_EQ(ZipEntryNames(bundle), (std::vector<std::string>{"a.log", "summary.txt"}));
+  EXPECT_EQ(SortedZipEntryNames(bundle), (std::vector<std::string>{"a.log", "summary.txt"}));
   EXPECT_EQ(MaskTime(ZipEntry(bundle, "summary.txt")), AlphaSummary(bundle));
   EXPECT_NE(run.log.find("Invoked Function: helperUtil::fileDeleteDirectory Return Code: "
                          "-22020087 (0xFEB00009)"),
@@ -342,7 +336,7 @@ TEST_F(BundleRun, ShippedInstructionsMakeAReadableBundle) {
   int status = -1;
   keeltest::Shell("unzip -tq '" + bundle + "'", &status);
   EXPECT_EQ(status, 0);
-  const std::vector<std::string> names = ZipEntryNames(bundle);
+  const std::vector<std::string> names = SortedZipEntryNames(bundle);
   EXPECT_NE(std::find(names.begin(), names.end(), "summary.txt"), names.end());
   EXPECT_NE(std::find(names.begin(), names.end(), "os-release"), names.end());
   EXPECT_EQ(ZipEntry(bundle, "os-release"), keeltest::kIsolatedOsRelease);

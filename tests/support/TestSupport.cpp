@@ -47,6 +47,13 @@ ScopedCwd::~ScopedCwd() {
     ADD_FAILURE() << "cannot return to " << m_old;
 }
 
+std::string ShellQuote(const std::string& text) {
+  std::string quoted = "'";
+  for (char c : text)
+    quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return quoted + "'";
+}
+
 bool WriteFile(const std::string& path, const std::string& content) {
   std::error_code error;
   fs::create_directories(fs::path(path).parent_path(), error);
@@ -176,6 +183,34 @@ std::string Shell(const std::string& command, int* status) {
   if (status != nullptr)
     *status = result.status;
   return result.out;
+}
+
+std::vector<std::string> ZipEntryNames(const std::string& archive) {
+  const std::string out = Shell(
+      "python3 -c 'import sys,zipfile\n"
+      "z=zipfile.ZipFile(sys.argv[1])\n"
+      "assert z.testzip() is None\n"
+      "for n in z.namelist(): print(n)' " +
+      ShellQuote(archive));
+  std::vector<std::string> names;
+  size_t start = 0;
+  for (size_t end; (end = out.find('\n', start)) != std::string::npos; start = end + 1) {
+    names.push_back(out.substr(start, end - start));
+  }
+  return names;
+}
+
+std::string ZipEntry(const std::string& archive, const std::string& name) {
+  return Shell(
+      "python3 -c 'import sys,zipfile\n"
+      "sys.stdout.buffer.write(zipfile.ZipFile(sys.argv[1]).read(sys.argv[2]))' " +
+      ShellQuote(archive) + " " + ShellQuote(name));
+}
+
+std::vector<std::string> SortedZipEntryNames(const std::string& archive) {
+  std::vector<std::string> names = ZipEntryNames(archive);
+  std::sort(names.begin(), names.end());
+  return names;
 }
 
 std::string BuildDir() {

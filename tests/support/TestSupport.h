@@ -105,8 +105,17 @@ struct CommandResult {
 CommandResult Run(const std::vector<std::string>& argv, const std::vector<std::string>& env = {},
                   const std::string& cwd = "", bool clearEnv = false);
 
+// `text` as one single-quoted word of a shell command line.
+std::string ShellQuote(const std::string& text);
+
 // Runs a shell command line and returns its standard output.
 std::string Shell(const std::string& command, int* status = nullptr);
+
+// Entry names of a zip file in the archive's own order, and sorted; the
+// bytes of one entry. Read by Python's zipfile after testzip() found no fault.
+std::vector<std::string> ZipEntryNames(const std::string& archive);
+std::vector<std::string> SortedZipEntryNames(const std::string& archive);
+std::string ZipEntry(const std::string& archive, const std::string& name);
 
 // The folder holding the test binaries (the build folder's top).
 std::string BuildDir();

@@ -30,12 +30,6 @@ const clock_t kClockPerSecond = 1000000;
 
 const std::string kStars(75, '*');
 
-// The value of attribute `name` of `node`, or empty when it has none.
-std::string attributeValue(KEELComponent* node, const char* name) {
-  KEELAttribute* attribute = node->FindAttribute(name);
-  return attribute != nullptr ? attribute->GetValue() : std::string();
-}
-
 // The children of `node` as plain pointers: the walks work on this copy, so
 // that nothing a handler does can disturb them.
 std::vector<KEELComponent*> childPointers(const KEELComponent* node) {
@@ -162,10 +156,10 @@ ResultCode KEELAction::parseFileActionAttributes(XMLObject& subtree, FileActionA
       out.loc = child->GetValue();
       out.resolvedLoc = helperUtil::translatePath(out.loc);
       // Only ever set: a later loc without the attribute keeps it.
-      if (attributeValue(child, "gather_newest") == "true")
+      if (child->GetAttributeValue("gather_newest") == "true")
         out.gatherNewest = true;
     } else if (name == "clear_log") {
-      if (attributeValue(child, "apply") == "true")
+      if (child->GetAttributeValue("apply") == "true")
         out.clearLog = true;
     }
   }
@@ -239,7 +233,7 @@ ResultCode KEELAction::parseExternalActionAttributes(XMLObject& subtree, bool is
       } else if (adminArgsTaken) {
         continue;
       }
-      if (attributeValue(child, "replace_args") == "true")
+      if (child->GetAttributeValue("replace_args") == "true")
         out.replaceArgs = true;
       out.args = child->GetValue();
       out.program = helperUtil::splitBeforeFirst(out.args, " ");
@@ -249,7 +243,7 @@ ResultCode KEELAction::parseExternalActionAttributes(XMLObject& subtree, bool is
         out.program = out.args;
       out.shortName = helperUtil::splitBeforeLast(out.program, ".", false);
     } else if (tag == "clear_log") {
-      if (attributeValue(child, "apply") == "true") {
+      if (child->GetAttributeValue("apply") == "true") {
         out.clear = true;
         out.clearCommand = child->GetValue();
       }

@@ -41,21 +41,6 @@ XMLObject* Parse(const std::string& text) {
   return documents.empty() ? nullptr : new XMLObject(*documents.front());
 }
 
-// The entry names of a zip file, as Python's zipfile reads them.
-std::vector<std::string> ZipNames(const std::string& archive) {
-  const std::string out = Shell(
-      "python3 -c 'import sys,zipfile; z=zipfile.ZipFile(sys.argv[1]); "
-      "assert z.testzip() is None; print(\"\\n\".join(sorted(z.namelist())))' '" +
-      archive + "'");
-  std::vector<std::string> names;
-  size_t start = 0;
-  for (size_t end; (end = out.find('\n', start)) != std::string::npos; start = end + 1) {
-    if (end > start)
-      names.push_back(out.substr(start, end - start));
-  }
-  return names;
-}
-
 class EngineTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -174,7 +159,8 @@ TEST_F(EngineTest, FreshWorkingFolderWhenThePlainOneIsMissing) {
       << engine->workingFolder();
   // The fresh folder was zipped and then removed: it held no sub-folder.
   EXPECT_FALSE(PathExists(engine->workingFolder()));
-  EXPECT_EQ(ZipNames(dir.Sub("bundle.zip")), (std::vector<std::string>{"a.log", "summary.txt"}));
+  EXPECT_EQ(keeltest::SortedZipEntryNames(dir.Sub("bundle.zip")),
+            (std::vector<std::string>{"a.log", "summary.txt"}));
   EXPECT_NE(out.find("\rKEEL has finished... "), std::string::npos);
   EXPECT_EQ(out.substr(out.size() - 4), "\r\n\r\n");
 }
@@ -187,7 +173,8 @@ TEST_F(EngineTest, PlainFolderWithOnlyFilesIsDeletedAndUsed) {
   RunEngine(engine, &result);
   EXPECT_EQ(result, 0u);
   EXPECT_EQ(engine->workingFolder(), dir.Sub("work/KEEL_Temp_Bundle"));
-  EXPECT_EQ(ZipNames(dir.Sub("bundle.zip")), (std::vector<std::string>{"a.log", "summary.txt"}));
+  EXPECT_EQ(keeltest::SortedZipEntryNames(dir.Sub("bundle.zip")),
+            (std::vector<std::string>{"a.log", "summary.txt"}));
 }
 
 TEST_F(EngineTest, PlainFolderWithASubFolderMakesTheRunTakeAFreshName) {
@@ -199,7 +186,8 @@ TEST_F(EngineTest, PlainFolderWithASubFolderMakesTheRunTakeAFreshName) {
   EXPECT_EQ(result, 0u);
   EXPECT_NE(engine->workingFolder(), dir.Sub("work/KEEL_Temp_Bundle"));
   EXPECT_TRUE(PathExists(dir.Sub("work/KEEL_Temp_Bundle/sub/x.txt")));
-  EXPECT_EQ(ZipNames(dir.Sub("bundle.zip")), (std::vector<std::string>{"a.log", "summary.txt"}));
+  EXPECT_EQ(keeltest::SortedZipEntryNames(dir.Sub("bundle.zip")),
+            (std::vector<std::string>{"a.log", "summary.txt"}));
 }
 
 TEST_F(EngineTest, SubFoldersOfInstructionsOutliveTheRun) {
@@ -208,7 +196,7 @@ TEST_F(EngineTest, SubFoldersOfInstructionsOutliveTheRun) {
   ResultCode result = 1;
   RunEngine(engine, &result);
   EXPECT_EQ(result, 0u);
-  EXPECT_EQ(ZipNames(dir.Sub("bundle.zip")),
+  EXPECT_EQ(keeltest::SortedZipEntryNames(dir.Sub("bundle.zip")),
             (std::vector<std::string>{"logs/a.log", "summary.txt"}));
   // The files directly in the folder are gone; the sub-folder stays.
   EXPECT_EQ(ListDir(engine->workingFolder()), (std::vector<std::string>{"logs"}));
@@ -301,7 +289,7 @@ TEST_F(EngineTest, RequestRenamingTheSummaryLeavesTheTailInSummaryTxt) {
   ResultCode result = 1;
   RunEngine(engine, &result);
   ASSERT_EQ(result, 0u);
-  EXPECT_EQ(ZipNames(dir.Sub("bundle.zip")),
+  EXPECT_EQ(keeltest::SortedZipEntryNames(dir.Sub("bundle.zip")),
             (std::vector<std::string>{"a.log", "report.txt", "summary.txt"}));
   Shell("cd '" + dir.path() + "' && mkdir x && cd x && unzip -q ../bundle.zip");
   EXPECT_NE(ReadFile(dir.Sub("x/report.txt")).find("One:\n\nFiles Included in Bundle:\n"),

@@ -48,10 +48,7 @@ const SummaryHost& DefaultSummaryHost() {
 }
 
 std::string AttributeValue(KEELComponent* component, const char* name) {
-  if (component == nullptr)
-    return std::string();
-  KEELAttribute* attribute = component->FindAttribute(name);
-  return attribute != nullptr ? attribute->GetValue() : std::string();
+  return component != nullptr ? component->GetAttributeValue(name) : std::string();
 }
 
 bool HasAttribute(KEELComponent* component, const char* name) {

@@ -133,6 +133,11 @@ KEELAttribute* KEELComponent::FindAttribute(const std::string& name) const {
   return nullptr;
 }
 
+std::string KEELComponent::GetAttributeValue(const std::string& name) const {
+  const KEELAttribute* attribute = FindAttribute(name);
+  return attribute != nullptr ? attribute->GetValue() : std::string();
+}
+
 void KEELComponent::ClearAttributes() {
   m_attributes.clear();
 }

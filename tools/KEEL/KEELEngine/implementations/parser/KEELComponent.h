@@ -106,6 +106,8 @@ class KEELComponent {
   void RemoveAttribute(KEELAttribute* attribute);
   // The first attribute of exactly `name`, or null.
   KEELAttribute* FindAttribute(const std::string& name) const;
+  // The value of that attribute, or empty when there is none.
+  std::string GetAttributeValue(const std::string& name) const;
 
   void ClearAttributes();
   void ClearChildren();
