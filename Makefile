@@ -5,12 +5,14 @@ PACKAGES := cmake ninja-build g++ pkg-config python3 \
             libxml2-dev zlib1g-dev libminizip-dev libssl-dev \
             libboost-dev libboost-thread-dev libsystemd-dev \
             libgtest-dev libgmock-dev googletest \
-            gettext libxml2-utils unzip zip util-linux
+            gettext libxml2-utils unzip zip util-linux \
+            dpkg-dev file lintian man-db groff-base bash-completion \
+            ansible-core ansible-lint
 
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS := -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
-.PHONY: all deps build run test test-main test-asan test-tsan clean
+.PHONY: all deps build run test test-main test-asan test-tsan clean package install
 
 all: build
 
@@ -61,6 +63,15 @@ test-tsan:
 	cmake --build build-tsan -j $(JOBS) --target $(TSAN_TARGETS)
 	TSAN_OPTIONS=halt_on_error=1 \
 	  ctest --test-dir build-tsan --output-on-failure -j $(JOBS) -R Concurren --no-tests=ignore
+
+# One Debian package from the build, at build/keelcli_<version>_<arch>.deb.
+package: build
+	cd build && cpack -G DEB
+	@ls -1 build/*.deb
+
+# The same files as the package, below $(DESTDIR) if given.
+install: build
+	DESTDIR="$(DESTDIR)" cmake --install build --prefix /usr
 
 clean:
 	rm -rf build build-asan build-tsan
