@@ -11,59 +11,17 @@
 #include <cstring>
 #include <memory>
 #include <random>
+#include <thread>
 
 #include "Common/Log/Log.h"
 #include "Common/Utility/ScopedHandles.h"
+#include "Common/Zip/ArchiveFile.h"
+#include "Common/Zip/EntryDeflater.h"
+#include "Common/Zip/ParallelZip.h"
 #include "Common/Zip/ZipCrypto.h"
+#include "Common/Zip/ZipLog.h"
 
 namespace {
-
-// A readable name for a minizip or zlib result, which the result-code
-// catalogue does not know.
-const char* LibraryCodeText(int code) {
-  switch (code) {
-    case Z_ERRNO:
-      return "ERRNO: input/output error";
-    case Z_STREAM_ERROR:
-      return "Z_STREAM_ERROR";
-    case Z_DATA_ERROR:
-      return "Z_DATA_ERROR: corrupt data";
-    case Z_MEM_ERROR:
-      return "Z_MEM_ERROR: out of memory";
-    case Z_BUF_ERROR:
-      return "Z_BUF_ERROR";
-    case Z_VERSION_ERROR:
-      return "Z_VERSION_ERROR";
-    case UNZ_END_OF_LIST_OF_FILE:
-      return "END_OF_LIST_OF_FILE";
-    case ZIP_PARAMERROR:
-      return "PARAMERROR: bad parameter";
-    case ZIP_BADZIPFILE:
-      return "BADZIPFILE: not a valid zip file";
-    case ZIP_INTERNALERROR:
-      return "INTERNALERROR";
-    case UNZ_CRCERROR:
-      return "CRCERROR: checksum mismatch";
-    default:
-      return "minizip or zlib error";
-  }
-}
-
-}  // namespace
-
-// Logs a failed minizip or zlib call at error level with its own code, the
-// name of that code and an optional formatted text.
-#define KLOG_LIBRARY(invoked, code, ...)                                 \
-  LogDebugReturnCode(__func__, __FILE__, __LINE__, LOG_LEVEL_E, invoked, \
-                     static_cast<ResultCode>(code), LibraryCodeText(code), __VA_ARGS__)
-
-namespace {
-
-// zipClose without an archive comment.
-struct ZipCloser {
-  void operator()(void* archive) const { zipClose(archive, nullptr); }
-};
-using ZipHandle = std::unique_ptr<void, ZipCloser>;
 
 struct UnzCloser {
   void operator()(void* archive) const { unzClose(archive); }
@@ -90,10 +48,6 @@ class CurrentEntry {
 
 const char kBadParameterText[] = "Bad parameter(s), parameter(s) is equal to NULL.";
 
-// Every entry is deflated at the best compression with the default memory
-// level.
-constexpr int kLevel = 9;
-constexpr int kMemLevel = 8;
 // What minizip writes as "version made by" for ordinary entries.
 constexpr uLong kVersionMadeBy = 0;
 // General purpose flag bit 0: the entry is encrypted.
@@ -140,32 +94,26 @@ bool IsDotOrDotDot(const char* name) {
   return strcmp(name, ".") == 0 || strcmp(name, "..") == 0;
 }
 
-// Whether `path` is the file `archive` (same device and inode).
-bool IsSameFile(const std::string& path, const struct stat& archive) {
-  struct stat info;
-  return stat(path.c_str(), &info) == 0 && info.st_dev == archive.st_dev &&
-         info.st_ino == archive.st_ino;
-}
-
 // Streams the file into the open entry. A file that can't be opened leaves
-// the entry empty; a read or write failure leaves it short.
-void CopyIntoEntry(zipFile archive, const std::string& path, unsigned char* buffer) {
+// the entry empty and a read failure leaves it short, and neither counts as
+// a failure; a failed write is returned (minizip's code), 0 otherwise.
+int CopyIntoEntry(zipFile archive, const std::string& path, unsigned char* buffer) {
   FileHandle file(fopen(path.c_str(), "rb"));
   if (!file)
-    return;
+    return 0;
   for (;;) {
     const size_t count = fread(buffer, 1, CZip::kBlockSize, file.get());
     if (count > 0) {
       const int written = zipWriteInFileInZip(archive, buffer, static_cast<unsigned>(count));
       if (written < 0) {
         KLOG_LIBRARY("zipWriteInFileInZip", written, "%s", path.c_str());
-        return;
+        return written;
       }
     }
     if (count < CZip::kBlockSize) {
       if (ferror(file.get()))
         KLOG_E("Could not read %s", path.c_str());
-      return;
+      return 0;
     }
   }
 }
@@ -175,30 +123,6 @@ struct RawEntryTotals {
   ZPOS64_T size = 0;
   uLong crc = 0;
   int failure = 0;  // the code of a write that failed, or 0
-};
-
-// Ends the deflate stream on every return path.
-class DeflateStream {
- public:
-  DeflateStream() { memset(&m_stream, 0, sizeof(m_stream)); }
-  ~DeflateStream() {
-    if (m_ready)
-      deflateEnd(&m_stream);
-  }
-  DeflateStream(const DeflateStream&) = delete;
-  DeflateStream& operator=(const DeflateStream&) = delete;
-  // The settings of every entry.
-  int init() {
-    const int code =
-        deflateInit2(&m_stream, kLevel, Z_DEFLATED, -MAX_WBITS, kMemLevel, Z_DEFAULT_STRATEGY);
-    m_ready = code == Z_OK;
-    return code;
-  }
-  z_stream* get() { return &m_stream; }
-
- private:
-  z_stream m_stream;
-  bool m_ready = false;
 };
 
 // Streams the file into an entry opened raw: deflates it here and encrypts
@@ -223,8 +147,8 @@ RawEntryTotals CopyIntoEncryptedEntry(zipFile archive, const std::string& path,
     totals.failure = written;
     return totals;
   }
-  DeflateStream deflater;
-  const int initialized = deflater.init();
+  CDeflateStream deflater;
+  const int initialized = deflater.start();
   if (initialized != Z_OK) {
     KLOG_LIBRARY("deflateInit2", initialized, "%s", path.c_str());
     totals.failure = initialized;
@@ -343,8 +267,18 @@ ResultCode ExtractCurrentEntry(unzFile archive, const std::string& base,
 
 }  // namespace
 
+unsigned CZip::DefaultWorkerCount() {
+  const unsigned cores = std::thread::hardware_concurrency();
+  return cores > 0 ? cores : 1;
+}
+
 ResultCode CZip::Zip(const std::string& source, const std::string& archive,
                      const std::string& password, bool recursive) {
+  return Zip(source, archive, password, recursive, DefaultWorkerCount());
+}
+
+ResultCode CZip::Zip(const std::string& source, const std::string& archive,
+                     const std::string& password, bool recursive, unsigned workers) {
   if (source.empty() || archive.empty()) {
     KLOG_E("%s", kBadParameterText);
     return GLOBAL_ERROR_BAD_PARAMETER;
@@ -362,7 +296,7 @@ ResultCode CZip::Zip(const std::string& source, const std::string& archive,
   for (const std::string& file : files)
     names.push_back(EntryName(file, prefixLength));
 
-  result = createZipFile(files, archive, names, password);
+  result = createZipFile(files, archive, names, password, workers);
   if (result != 0) {
     KLOG_RC(LOG_LEVEL_E, "CZip::createZipFile", result);
     return result;
@@ -399,26 +333,68 @@ ResultCode CZip::getDirContents(std::vector<std::string>& list, const std::strin
 
 ResultCode CZip::createZipFile(const std::vector<std::string>& files, const std::string& archive,
                                const std::vector<std::string>& names, const std::string& password) {
+  return createZipFile(files, archive, names, password, DefaultWorkerCount());
+}
+
+ResultCode CZip::createZipFile(const std::vector<std::string>& files, const std::string& archive,
+                               const std::vector<std::string>& names, const std::string& password,
+                               unsigned workers) {
   if (files.size() != names.size()) {
     KLOG_E("The lists of files (%zu) and entry names (%zu) differ in length.", files.size(),
            names.size());
     return GLOBAL_ERROR_BAD_PARAMETER;
   }
-  ZipHandle zip(zipOpen64(archive.c_str(), APPEND_STATUS_CREATE));
-  if (!zip) {
-    KLOG_RC(LOG_LEVEL_E, "zipOpen64", GLOBAL_ERROR_BAD_PARAMETER);
+  // Never written at its path directly: see ArchiveFile.h for the link an
+  // attacker may plant there and the cut archive a full disk would leave.
+  CArchiveFile file;
+  ResultCode result = file.create(archive);
+  if (result != 0) {
+    KLOG_RC(LOG_LEVEL_E, "CArchiveFile::create", result);
+    return result;
+  }
+  zipFile zip = zipOpen2_64(file.temporaryPath().c_str(), APPEND_STATUS_CREATE, nullptr,
+                            file.fileFunctions());
+  if (zip == nullptr) {
+    KLOG_RC(LOG_LEVEL_E, "zipOpen2_64", GLOBAL_ERROR_BAD_PARAMETER);
     return GLOBAL_ERROR_BAD_PARAMETER;
   }
-  // The archive may lie inside the listed folder; reading it while it grows
-  // would never end.
-  struct stat archiveInfo;
-  const bool archiveKnown = stat(archive.c_str(), &archiveInfo) == 0;
+  // The archive may lie inside the listed folder, and so may the file it
+  // replaces; reading the one while it grows would never end, and the other
+  // is about to go.
+  const CParallelZip::SkipTest isArchive = [&file](const std::string& path) {
+    struct stat info;
+    return stat(path.c_str(), &info) == 0 && file.isArchive(info);
+  };
+  if (password.empty() && workers != kSequential)
+    result = CParallelZip(zip, files, names, isArchive, workers).run();
+  else
+    result = writeEntries(zip, files, names, password, isArchive);
+  // zipClose writes the central directory: a failure here leaves an archive
+  // that no reader can open, however well the entries went.
+  const int closed = zipClose(zip, nullptr);
+  if (result == 0 && closed != ZIP_OK) {
+    KLOG_LIBRARY("zipClose", closed, nullptr);
+    result = GLOBAL_ERROR_UNEXPECTED;
+  }
+  if (result != 0) {
+    file.discard();
+    return result;
+  }
+  result = file.commit();
+  if (result != 0)
+    KLOG_RC(LOG_LEVEL_E, "CArchiveFile::commit", result);
+  return result;
+}
+
+ResultCode CZip::writeEntries(zipFile zip, const std::vector<std::string>& files,
+                              const std::vector<std::string>& names, const std::string& password,
+                              const std::function<bool(const std::string&)>& isArchive) {
   std::unique_ptr<unsigned char[]> in(new unsigned char[kBlockSize]);
   std::unique_ptr<unsigned char[]> out(new unsigned char[kBlockSize]);
 
   for (size_t i = 0; i < files.size(); ++i) {
     const std::string& file = files[i];
-    if (archiveKnown && IsSameFile(file, archiveInfo)) {
+    if (isArchive(file)) {
       KLOG_W("Skipping %s, because it is the archive being written.", file.c_str());
       continue;
     }
@@ -438,44 +414,42 @@ ResultCode CZip::createZipFile(const std::vector<std::string>& files, const std:
     }
     int opened;
     if (entryPassword == nullptr) {
-      opened = zipOpenNewFileInZip3_64(zip.get(), names[i].c_str(), &info, nullptr, 0, nullptr, 0,
-                                       nullptr, Z_DEFLATED, kLevel, /*raw=*/0, -MAX_WBITS,
-                                       kMemLevel, Z_DEFAULT_STRATEGY, nullptr, 0, zip64);
+      opened =
+          zipOpenNewFileInZip3_64(zip, names[i].c_str(), &info, nullptr, 0, nullptr, 0, nullptr,
+                                  Z_DEFLATED, kZipDeflateLevel, /*raw=*/0, kZipWindowBits,
+                                  kZipMemLevel, kZipStrategy, nullptr, 0, zip64);
     } else {
       // Deflated and encrypted here (see ZipCrypto.h); minizip stores the
       // bytes as they come and marks the entry encrypted.
-      opened = zipOpenNewFileInZip4_64(zip.get(), names[i].c_str(), &info, nullptr, 0, nullptr, 0,
-                                       nullptr, Z_DEFLATED, kLevel, /*raw=*/1, -MAX_WBITS,
-                                       kMemLevel, Z_DEFAULT_STRATEGY, nullptr, 0, kVersionMadeBy,
-                                       kEncryptedFlag, zip64);
+      opened = zipOpenNewFileInZip4_64(zip, names[i].c_str(), &info, nullptr, 0, nullptr, 0,
+                                       nullptr, Z_DEFLATED, kZipDeflateLevel, /*raw=*/1,
+                                       kZipWindowBits, kZipMemLevel, kZipStrategy, nullptr, 0,
+                                       kVersionMadeBy, kEncryptedFlag, zip64);
     }
     if (opened != ZIP_OK) {
       KLOG_LIBRARY(entryPassword == nullptr ? "zipOpenNewFileInZip3_64" : "zipOpenNewFileInZip4_64",
                    opened, "%s", names[i].c_str());
-      break;
+      return GLOBAL_ERROR_UNEXPECTED;
     }
     int closed;
     if (entryPassword == nullptr) {
-      CopyIntoEntry(zip.get(), file, in.get());
-      closed = zipCloseFileInZip(zip.get());
+      const int copied = CopyIntoEntry(zip, file, in.get());
+      if (copied < 0)
+        return GLOBAL_ERROR_UNEXPECTED;
+      closed = zipCloseFileInZip(zip);
     } else {
       const RawEntryTotals totals =
-          CopyIntoEncryptedEntry(zip.get(), file, password, crc, in.get(), out.get());
-      closed = zipCloseFileInZipRaw64(zip.get(), totals.size, totals.crc);
-      // Closing a raw entry has nothing left to write and so can't notice
-      // that the data never got out; a plain entry's close would, as it
-      // still has to flush the compressor.
-      if (closed >= 0 && totals.failure < 0)
-        closed = totals.failure;
+          CopyIntoEncryptedEntry(zip, file, password, crc, in.get(), out.get());
+      if (totals.failure < 0)
+        return GLOBAL_ERROR_UNEXPECTED;
+      closed = zipCloseFileInZipRaw64(zip, totals.size, totals.crc);
     }
     if (closed < 0) {
-      zip.reset();
       KLOG_LIBRARY(entryPassword == nullptr ? "zipCloseFileInZip" : "zipCloseFileInZipRaw64",
                    closed, nullptr);
       return GLOBAL_ERROR_UNEXPECTED;
     }
   }
-  zip.reset();
   return 0;
 }
 

@@ -10,15 +10,19 @@
 // sorted. Names are relative to the source folder with "/" between folders.
 // There are no folder entries (an empty folder is lost), and symbolic links
 // and special files are left out. Entries carry no extra fields, comments or
-// attributes; zip64 is chosen per entry by size. With a password, entries are
-// encrypted with the classic zip scheme.
+// external attributes; zip64 is chosen per entry by size. With a password,
+// entries are encrypted with the classic zip scheme.
 //
-// Several failures deliberately do not reach the caller: an entry that can't
-// be opened in the archive ends the walk, a file that can't be read gives an
-// empty entry, a failed write leaves the entry short, and the result is 0 in
-// all those cases (the log says what happened). Only bad arguments, an
-// archive that can't be created and an entry that can't be closed give a
-// failure.
+// Entries are deflated on a pool of worker threads (CParallelZip), one per
+// core, and written in walk order; the archive is byte for byte the one the
+// sequential path writes, which stays as the reference and for passwords
+// (an encrypted entry needs its CRC before its data).
+//
+// The archive is built in a new file beside its path and renamed onto the
+// path only once it is whole (CArchiveFile): a failure leaves the path as it
+// was. A file that can't be read still gives an empty entry and the archive
+// counts as made (the log says what happened); every failure to write the
+// archive, to open or close an entry, or to close the archive is returned.
 #ifndef COMMON_ZIP_CZIP_H_
 #define COMMON_ZIP_CZIP_H_
 
@@ -26,6 +30,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -37,16 +42,30 @@ class CZip {
   static constexpr size_t kBlockSize = 16384;
   // Files of this size or more get zip64 headers.
   static constexpr uint64_t kLargeFileSize = 0xFFFFFFFFull;
+  // As a number of worker threads: deflate on the calling thread, through
+  // the sequential path.
+  static constexpr unsigned kSequential = 0;
+
+  // The number of worker threads Zip deflates with: one per core the
+  // machine reports, at least one.
+  static unsigned DefaultWorkerCount();
 
   // Archives every regular file below `source` into a new file `archive`
-  // (replaced if it exists). Entry names are the paths after `source`, with
-  // or without its trailing "/". With `recursive` clear, only the files of
-  // `source` itself are taken. A `source` that can't be opened as a folder
-  // is taken as one file, whose entry is named after its last component.
-  // GLOBAL_ERROR_BAD_PARAMETER for an empty argument or an archive that
-  // can't be created.
+  // (replacing a file or link at that path, never writing through it).
+  // Entry names are the paths after `source`, with or without its trailing
+  // "/". With `recursive` clear, only the files of `source` itself are
+  // taken. A `source` that can't be opened as a folder is taken as one file,
+  // whose entry is named after its last component. Deflates with
+  // DefaultWorkerCount() workers. GLOBAL_ERROR_BAD_PARAMETER for an empty
+  // argument or an archive that can't be created; GLOBAL_ERROR_UNEXPECTED
+  // when the archive can't be written whole (nothing is then left at
+  // `archive` that was not there before).
   static ResultCode Zip(const std::string& source, const std::string& archive,
                         const std::string& password, bool recursive);
+  // The same with `workers` worker threads; kSequential, or a password,
+  // takes the sequential path.
+  static ResultCode Zip(const std::string& source, const std::string& archive,
+                        const std::string& password, bool recursive, unsigned workers);
 
   // Extracts every entry of `archive` below `target` (made if missing) and
   // appends the path of each entry (folder entries included) to `paths`.
@@ -60,10 +79,13 @@ class CZip {
                           std::vector<std::string>& paths, bool overwrite);
 
   // Writes `files[i]` under the entry name `names[i]`, in list order, into a
-  // new archive. An empty password writes plain entries.
+  // new archive, as Zip does. An empty password writes plain entries.
   static ResultCode createZipFile(const std::vector<std::string>& files, const std::string& archive,
                                   const std::vector<std::string>& names,
                                   const std::string& password);
+  static ResultCode createZipFile(const std::vector<std::string>& files, const std::string& archive,
+                                  const std::vector<std::string>& names,
+                                  const std::string& password, unsigned workers);
 
   // Appends to `list` the path of every regular file in `folder` (and below
   // it, with `recursive`), in walk order. The type comes from the directory
@@ -93,6 +115,14 @@ class CZip {
   // The external attributes of an entry: always 0, so that extraction uses
   // the extracting side's defaults.
   static uLong getFileAttributes(const std::string& path);
+
+ private:
+  // The sequential path: reads, deflates (and encrypts) and writes each
+  // entry in turn on the calling thread. Files for which `isArchive` holds
+  // are left out.
+  static ResultCode writeEntries(zipFile zip, const std::vector<std::string>& files,
+                                 const std::vector<std::string>& names, const std::string& password,
+                                 const std::function<bool(const std::string&)>& isArchive);
 };
 
 #endif  // COMMON_ZIP_CZIP_H_

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <sched.h>
+#include <signal.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -17,13 +18,19 @@
 #include <cstring>
 #include <functional>
 #include <random>
+#include <regex>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "Common/Log/Log.h"
+#include "Common/Utility/InterruptGuard.h"
+#include "Common/Zip/ArchiveFile.h"
+#include "Common/Zip/EntryDeflater.h"
+#include "Common/Zip/ParallelZip.h"
 #include "Common/Zip/ZipCrypto.h"
 #include "tests/support/TestSupport.h"
 
@@ -592,9 +599,26 @@ TEST(CZip, ArchiveInAMissingFolderFailsWithBadParameter) {
   LogCapture capture;
   EXPECT_EQ(CZip::Zip(tmp.Sub("work"), tmp.Sub("missing/bundle.zip"), "", true),
             GLOBAL_ERROR_BAD_PARAMETER);
-  EXPECT_TRUE(HasReturnCode(capture, "zipOpen64", GLOBAL_ERROR_BAD_PARAMETER));
+  EXPECT_TRUE(HasMessage(capture, LOG_LEVEL_E,
+                         "Could not open the folder of the archive \"" + tmp.Sub("missing") +
+                             "\": No such file or directory"));
+  EXPECT_TRUE(HasReturnCode(capture, "CArchiveFile::create", GLOBAL_ERROR_BAD_PARAMETER));
   EXPECT_TRUE(HasReturnCode(capture, "CZip::createZipFile", GLOBAL_ERROR_BAD_PARAMETER));
   EXPECT_FALSE(keeltest::PathExists(tmp.Sub("missing")));
+}
+
+TEST(CZip, ArchivePathThatNamesNoFileFailsWithBadParameter) {
+  TempDir tmp;
+  ASSERT_TRUE(WriteFile(tmp.Sub("work/a.txt"), "a"));
+  const std::vector<std::string> before = keeltest::ListDir(tmp.path());
+  LogCapture capture;
+  for (const std::string& archive : {tmp.path() + "/", tmp.Sub("."), tmp.Sub("work/..")}) {
+    SCOPED_TRACE(archive);
+    EXPECT_EQ(CZip::Zip(tmp.Sub("work"), archive, "", true), GLOBAL_ERROR_BAD_PARAMETER);
+    EXPECT_TRUE(
+        HasMessage(capture, LOG_LEVEL_E, "The archive path \"" + archive + "\" names no file."));
+  }
+  EXPECT_EQ(keeltest::ListDir(tmp.path()), before);
 }
 
 TEST(CZip, ArchiveInAFolderWithoutWriteRightsFailsWithBadParameter) {
@@ -613,16 +637,19 @@ TEST(CZip, ArchiveInAFolderWithoutWriteRightsFailsWithBadParameter) {
       return kChildCannotSetUp;
     if (CZip::Zip(source, archive, "", true) != GLOBAL_ERROR_BAD_PARAMETER)
       return 1;
-    if (!HasReturnCode(capture, "zipOpen64", GLOBAL_ERROR_BAD_PARAMETER))
+    if (!HasMessage(capture, LOG_LEVEL_E,
+                    "Could not create a new archive file in \"" + locked + "\": Permission denied"))
       return 2;
-    if (!HasReturnCode(capture, "CZip::createZipFile", GLOBAL_ERROR_BAD_PARAMETER))
+    if (!HasReturnCode(capture, "CArchiveFile::create", GLOBAL_ERROR_BAD_PARAMETER))
       return 3;
+    if (!HasReturnCode(capture, "CZip::createZipFile", GLOBAL_ERROR_BAD_PARAMETER))
+      return 4;
     return 0;
   });
   if (status == kChildCannotSetUp)
     GTEST_SKIP() << "can't run a child without root rights here";
   EXPECT_EQ(status, 0);
-  EXPECT_FALSE(keeltest::PathExists(archive));
+  EXPECT_EQ(keeltest::ListDir(locked), std::vector<std::string>{});
 }
 
 TEST(CZip, UnreadableFileGivesAnEmptyEntryAndTheArchiveIsStillMade) {
@@ -661,50 +688,6 @@ TEST(CZip, UnreadableFileGivesAnEmptyEntryAndTheArchiveIsStillMade) {
   }
   ASSERT_TRUE(seen);
   ExpectArchiveHolds(archive, expected);
-}
-
-TEST(CZip, FullDiskWhileClosingAnEntryFailsTheRun) {
-  TempDir tmp;
-  const std::string source = tmp.Sub("work");
-  ASSERT_TRUE(WriteFile(source + "/noise.bin", RandomBytes(1 << 20, 13)));
-  const std::string small = tmp.Sub("small");
-  ASSERT_TRUE(MakeDir(small));
-  LogCapture capture;
-  const int status = RunWithPrivateMounts([&] {
-    if (mount("tmpfs", small.c_str(), "tmpfs", 0, "size=64k") != 0)
-      return kChildCannotSetUp;
-    if (CZip::Zip(source, small + "/bundle.zip", "", true) != GLOBAL_ERROR_UNEXPECTED)
-      return 1;
-    if (!HasReturnCode(capture, "zipCloseFileInZip", static_cast<ResultCode>(-1)))
-      return 2;
-    if (!HasReturnCode(capture, "CZip::createZipFile", GLOBAL_ERROR_UNEXPECTED))
-      return 3;
-    return 0;
-  });
-  if (status == kChildCannotSetUp)
-    GTEST_SKIP() << "can't mount a small filesystem here";
-  EXPECT_EQ(status, 0);
-}
-
-TEST(CZip, FullDiskWithAPasswordAlsoFailsTheRun) {
-  TempDir tmp;
-  const std::string source = tmp.Sub("work");
-  ASSERT_TRUE(WriteFile(source + "/noise.bin", RandomBytes(1 << 20, 14)));
-  const std::string small = tmp.Sub("small");
-  ASSERT_TRUE(MakeDir(small));
-  LogCapture capture;
-  const int status = RunWithPrivateMounts([&] {
-    if (mount("tmpfs", small.c_str(), "tmpfs", 0, "size=64k") != 0)
-      return kChildCannotSetUp;
-    if (CZip::Zip(source, small + "/bundle.zip", "pw", true) != GLOBAL_ERROR_UNEXPECTED)
-      return 1;
-    if (!HasReturnCode(capture, "CZip::createZipFile", GLOBAL_ERROR_UNEXPECTED))
-      return 2;
-    return 0;
-  });
-  if (status == kChildCannotSetUp)
-    GTEST_SKIP() << "can't mount a small filesystem here";
-  EXPECT_EQ(status, 0);
 }
 
 TEST(CZip, LargeFileIsStreamedInBoundedMemory) {
@@ -1165,6 +1148,600 @@ TEST(CZip, UnzipReportsADamagedEntry) {
                         capture.Contains("\nInvoked Function: unzCloseCurrentFile\n");
   EXPECT_TRUE(reported);
   EXPECT_EQ(paths, std::vector<std::string>{tmp.Sub("out") + "/data.log"});
+}
+
+// ===========================================================================
+// The archive's destination: built beside its path, renamed on only when
+// whole.
+
+// Runs `body` in a forked child and gives its exit status (128 plus the
+// signal that ended it). For tests that change process-wide state: limits,
+// signal dispositions, the umask.
+int RunChild(const std::function<int()>& body) {
+  fflush(nullptr);
+  const pid_t pid = fork();
+  if (pid == 0)
+    _exit(body());
+  return pid < 0 ? -1 : WaitFor(pid);
+}
+
+// Makes `link` a symbolic link to `target` owned by user 65534, as another
+// user of the host would plant it.
+bool PlantLink(const std::string& target, const std::string& link) {
+  unlink(link.c_str());
+  return symlink(target.c_str(), link.c_str()) == 0 && lchown(link.c_str(), kNobody, kNobody) == 0;
+}
+
+// The owner, type and mode of what is at `path`, not following a link.
+std::string Describe(const std::string& path) {
+  struct stat info;
+  if (lstat(path.c_str(), &info) != 0)
+    return "missing";
+  const char* type = S_ISREG(info.st_mode) ? "file" : S_ISLNK(info.st_mode) ? "link" : "other";
+  char text[64];
+  snprintf(text, sizeof(text), "%s %04o uid %u", type, static_cast<unsigned>(info.st_mode & 07777),
+           static_cast<unsigned>(info.st_uid));
+  return text;
+}
+
+// A small tree of text for the destination tests.
+void MakeSmallTree(const std::string& root) {
+  ASSERT_TRUE(WriteFile(root + "/a.log", LogText(30000, 61)));
+  ASSERT_TRUE(WriteFile(root + "/sub/b.log", LogText(5000, 62)));
+  ASSERT_TRUE(WriteFile(root + "/empty.txt", ""));
+}
+
+// The sequential path, the parallel path with one worker and with several.
+const unsigned kWorkerChoices[] = {CZip::kSequential, 1, 3};
+
+TEST(CZip, LinkPlantedAtTheArchivePathIsReplacedAndNeverWrittenThrough) {
+  TempDir tmp;
+  const std::string source = tmp.Sub("work");
+  ASSERT_NO_FATAL_FAILURE(MakeSmallTree(source));
+  const std::vector<Expected> expected = ExpectedTree(source);
+  // A folder anyone may write in, as /tmp, and a file only root may read.
+  const std::string shared = tmp.Sub("shared");
+  ASSERT_TRUE(MakeDir(shared, 01777));
+  const std::string victim = tmp.Sub("victim.conf");
+  ASSERT_TRUE(WriteFile(victim, "root only\n"));
+  ASSERT_EQ(chmod(victim.c_str(), 0600), 0);
+  const std::string archive = shared + "/report.zip";
+
+  for (const unsigned workers : kWorkerChoices) {
+    SCOPED_TRACE("workers " + std::to_string(workers));
+    ASSERT_TRUE(PlantLink(victim, archive));
+    ASSERT_EQ(Describe(archive).substr(0, 4), "link");
+    EXPECT_EQ(CZip::Zip(source, archive, "", true, workers), 0u);
+    EXPECT_EQ(ReadFile(victim), "root only\n");
+    EXPECT_EQ(Describe(victim), "file 0600 uid 0");
+    EXPECT_EQ(Describe(archive), "file 0600 uid 0");
+    EXPECT_EQ(keeltest::ListDir(shared), std::vector<std::string>{"report.zip"});
+    ExpectArchiveHolds(archive, expected);
+  }
+
+  // A link to a name that does not exist yet is not followed either.
+  const std::string planted = tmp.Sub("planted.zip");
+  ASSERT_TRUE(PlantLink(planted, archive));
+  EXPECT_EQ(CZip::Zip(source, archive, "", true), 0u);
+  EXPECT_FALSE(keeltest::PathExists(planted));
+  EXPECT_EQ(Describe(archive), "file 0600 uid 0");
+  ExpectArchiveHolds(archive, expected);
+}
+
+TEST(CZip, ArchiveIsReadableByItsOwnerOnlyWhateverTheUmask) {
+  TempDir tmp;
+  const std::string source = tmp.Sub("work");
+  ASSERT_NO_FATAL_FAILURE(MakeSmallTree(source));
+  const std::string out = tmp.Sub("out");
+  ASSERT_TRUE(MakeDir(out, 0755));
+  // A file of another user's, readable by all, that stood at the path.
+  ASSERT_TRUE(WriteFile(out + "/old.zip", "old"));
+  ASSERT_EQ(chmod((out + "/old.zip").c_str(), 0644), 0);
+  ASSERT_EQ(chown((out + "/old.zip").c_str(), kNobody, kNobody), 0);
+  for (const mode_t mask : {mode_t{022}, mode_t{0}, mode_t{077}}) {
+    for (const unsigned workers : kWorkerChoices) {
+      const std::string name = "m" + std::to_string(mask) + "w" + std::to_string(workers) + ".zip";
+      const int status = RunChild([&] {
+        umask(mask);
+        return CZip::Zip(source, out + "/" + name, "", true, workers) == 0 ? 0 : 1;
+      });
+      EXPECT_EQ(status, 0) << name;
+      EXPECT_EQ(Describe(out + "/" + name), "file 0600 uid 0") << name;
+    }
+  }
+  const int status = RunChild([&] {
+    umask(022);
+    return CZip::Zip(source, out + "/old.zip", "", true) == 0 ? 0 : 1;
+  });
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(Describe(out + "/old.zip"), "file 0600 uid 0");
+  ExpectArchiveHolds(out + "/old.zip", ExpectedTree(source));
+}
+
+TEST(CZip, FullDiskLeavesThePathAsItWasAndNoOtherFile) {
+  TempDir tmp;
+  const std::string source = tmp.Sub("work");
+  ASSERT_TRUE(WriteFile(source + "/noise.bin", RandomBytes(1 << 20, 13)));
+  ASSERT_TRUE(WriteFile(source + "/text.log", LogText(200000, 14)));
+  const std::string small = tmp.Sub("small");
+  ASSERT_TRUE(MakeDir(small));
+  LogCapture capture;
+  const int status = RunWithPrivateMounts([&] {
+    if (mount("tmpfs", small.c_str(), "tmpfs", 0, "size=64k") != 0)
+      return kChildCannotSetUp;
+    // Every way of writing: plain, encrypted, and on workers.
+    const std::vector<std::pair<unsigned, std::string>> ways = {
+        {CZip::kSequential, ""}, {CZip::kSequential, "pw"}, {1, ""}, {3, ""}};
+    int failures = 0;
+    for (const auto& way : ways) {
+      // What stands at the path stays: an old bundle, then a link.
+      if (!WriteFile(small + "/bundle.zip", "previous bundle\n"))
+        return kChildCannotSetUp;
+      if (CZip::Zip(source, small + "/bundle.zip", way.second, true, way.first) !=
+          GLOBAL_ERROR_UNEXPECTED)
+        failures |= 1;
+      if (ReadFile(small + "/bundle.zip") != "previous bundle\n")
+        failures |= 2;
+      if (unlink((small + "/bundle.zip").c_str()) != 0 ||
+          symlink("/nonexistent/keel", (small + "/bundle.zip").c_str()) != 0)
+        return kChildCannotSetUp;
+      if (CZip::Zip(source, small + "/bundle.zip", way.second, true, way.first) !=
+          GLOBAL_ERROR_UNEXPECTED)
+        failures |= 4;
+      if (Describe(small + "/bundle.zip").substr(0, 4) != "link")
+        failures |= 8;
+      if (keeltest::ListDir(small) != std::vector<std::string>{"bundle.zip"})
+        failures |= 16;
+      unlink((small + "/bundle.zip").c_str());
+    }
+    if (!HasReturnCode(capture, "CZip::createZipFile", GLOBAL_ERROR_UNEXPECTED))
+      failures |= 32;
+    if (!capture.Contains("failed: No space left on device"))
+      failures |= 64;
+    return failures;
+  });
+  if (status == kChildCannotSetUp)
+    GTEST_SKIP() << "can't mount a small filesystem here";
+  EXPECT_EQ(status, 0) << "bit mask of what went wrong";
+}
+
+// The archive's size and where its central directory starts, from the end
+// of central directory record.
+struct ArchiveTail {
+  size_t size = 0;
+  size_t centralDirectory = 0;
+};
+
+ArchiveTail TailOf(const std::string& archive) {
+  const std::string bytes = ReadFile(archive);
+  ArchiveTail tail;
+  tail.size = bytes.size();
+  if (bytes.size() >= 22) {
+    const unsigned char* end = reinterpret_cast<const unsigned char*>(bytes.data()) + bytes.size();
+    const unsigned char* record = end - 22;
+    tail.centralDirectory =
+        record[16] | record[17] << 8 | record[18] << 16 | static_cast<size_t>(record[19]) << 24;
+  }
+  return tail;
+}
+
+// In a child whose files may not grow past `limit` bytes (a disk that is
+// full there, to the byte), zips `source` over an old file at `archive`.
+// 0 when the zip failed and left the old file and nothing else.
+int ZipWithSizeLimit(const std::string& source, const std::string& archive, unsigned workers,
+                     rlim_t limit) {
+  return RunChild([&] {
+    signal(SIGXFSZ, SIG_IGN);
+    struct rlimit size = {limit, RLIM_INFINITY};
+    if (setrlimit(RLIMIT_FSIZE, &size) != 0)
+      return kChildCannotSetUp;
+    const std::string folder = archive.substr(0, archive.rfind('/'));
+    if (CZip::Zip(source, archive, "", true, workers) == 0)
+      return 1;
+    if (ReadFile(archive) != "previous bundle\n")
+      return 2;
+    if (keeltest::ListDir(folder).size() != 1)
+      return 3;
+    return 0;
+  });
+}
+
+TEST(CZip, DiskFillingAtAnyByteOfTheArchiveTailFailsTheRun) {
+  TempDir tmp;
+  const std::string source = tmp.Sub("work");
+  ASSERT_TRUE(MakeDir(source));
+  for (int i = 0; i < 40; ++i) {
+    ASSERT_TRUE(
+        WriteFile(source + "/a rather long name for entry number " + std::to_string(i) + ".log",
+                  LogText(200 + 50 * i, 70 + i)));
+  }
+  const std::string out = tmp.Sub("out");
+  ASSERT_TRUE(MakeDir(out));
+  const std::string archive = out + "/bundle.zip";
+  for (const unsigned workers : {CZip::kSequential, 3u}) {
+    SCOPED_TRACE("workers " + std::to_string(workers));
+    ASSERT_EQ(CZip::Zip(source, archive, "", true, workers), 0u);
+    const ArchiveTail tail = TailOf(archive);
+    ASSERT_GT(tail.size, tail.centralDirectory);
+    ASSERT_GT(tail.size - tail.centralDirectory, 2000u);
+    ASSERT_TRUE(WriteFile(archive, "previous bundle\n"));
+    // From the last bytes of the data through the central directory, at a
+    // stride that meets every kind of field, and every byte of the end.
+    int failed = 0;
+    for (size_t limit = tail.centralDirectory - 100; limit < tail.size;
+         limit += limit + 30 < tail.size ? 97 : 1) {
+      const int status = ZipWithSizeLimit(source, archive, workers, limit);
+      if (status == kChildCannotSetUp)
+        GTEST_SKIP() << "can't limit the file size here";
+      if (status != 0 && ++failed <= 5)
+        ADD_FAILURE() << "limit " << limit << " of " << tail.size << ": status " << status;
+    }
+    EXPECT_EQ(failed, 0);
+    // With room for the whole archive it is made.
+    const int status = RunChild([&] {
+      signal(SIGXFSZ, SIG_IGN);
+      struct rlimit size = {tail.size, RLIM_INFINITY};
+      if (setrlimit(RLIMIT_FSIZE, &size) != 0)
+        return kChildCannotSetUp;
+      return CZip::Zip(source, archive, "", true, workers) == 0 ? 0 : 1;
+    });
+    EXPECT_EQ(status, 0);
+    ExpectArchiveHolds(archive, ExpectedTree(source));
+  }
+}
+
+TEST(CZip, SignalWhileZippingRemovesTheUnfinishedArchive) {
+  TempDir tmp;
+  const std::string source = tmp.Sub("work");
+  // Enough incompressible data that zipping takes a while.
+  for (int i = 0; i < 8; ++i)
+    ASSERT_TRUE(
+        WriteFile(source + "/noise" + std::to_string(i) + ".bin", RandomBytes(8 << 20, 80 + i)));
+  const std::string out = tmp.Sub("out");
+  ASSERT_TRUE(MakeDir(out));
+  const std::string archive = out + "/bundle.zip";
+  ASSERT_TRUE(WriteFile(archive, "previous bundle\n"));
+  fflush(nullptr);
+  const pid_t child = fork();
+  if (child == 0) {
+    if (!CInterruptGuard::Install())
+      _exit(kChildCannotSetUp);
+    CZip::Zip(source, archive, "", true);
+    _exit(0);
+  }
+  ASSERT_GT(child, 0);
+  // Wait (at most a minute) for the unfinished archive to appear beside the
+  // old one, then end the run.
+  bool seen = false;
+  for (int i = 0; i < 30000 && !seen; ++i) {
+    seen = keeltest::ListDir(out).size() == 2;
+    if (!seen)
+      usleep(2000);
+  }
+  kill(child, SIGTERM);
+  const int status = WaitFor(child);
+  if (status == kChildCannotSetUp)
+    GTEST_SKIP() << "can't install the interrupt guard here";
+  ASSERT_TRUE(seen) << "no unfinished archive appeared";
+  EXPECT_EQ(status, 128 + SIGTERM);
+  EXPECT_EQ(keeltest::ListDir(out), std::vector<std::string>{"bundle.zip"});
+  EXPECT_EQ(ReadFile(archive), "previous bundle\n");
+}
+
+// ===========================================================================
+// Deflating on workers: the same archive as the sequential path.
+
+// Text with a few bytes that make zlib call it binary, at `every` bytes.
+std::string MixedText(size_t size, unsigned seed, size_t every) {
+  std::string text = LogText(size, seed);
+  for (size_t i = every; i < text.size(); i += every)
+    text[i] = '\x01';
+  return text;
+}
+
+// A tree of what a bundle holds and more: nested folders, thousands of
+// small files (empty ones among them), a few large ones, text and binary
+// data, sizes at the block boundaries and names with blanks and bytes that
+// are not ASCII.
+void MakeMixedTree(const std::string& root, int smallFiles) {
+  ASSERT_TRUE(MakeDir(root));
+  std::mt19937 random(91);
+  const char* const kFolders[] = {"logs",        "logs/agent",  "logs/agent/old", "dns cache",
+                                  "caf\xC3\xA9", "raw\xE9\xFF", "deep/er/est/yet"};
+  for (int i = 0; i < smallFiles; ++i) {
+    const std::string folder = kFolders[i % (sizeof(kFolders) / sizeof(kFolders[0]))];
+    const std::string name = root + "/" + folder + "/small " + std::to_string(i) + ".log";
+    const unsigned kind = random() % 10;
+    std::string bytes;
+    if (kind == 0)
+      bytes = "";
+    else if (kind == 1)
+      bytes = RandomBytes(random() % 3000, i);
+    else if (kind == 2)
+      bytes = MixedText(1 + random() % 6000, i, 700);
+    else
+      bytes = LogText(1 + random() % 5000, i);
+    ASSERT_TRUE(WriteFile(name, bytes));
+  }
+  ASSERT_TRUE(WriteFile(root + "/large text.log", LogText(3 << 20, 92)));
+  ASSERT_TRUE(WriteFile(root + "/logs/large binary.bin", RandomBytes(2 << 20, 93)));
+  ASSERT_TRUE(WriteFile(root + "/logs/agent/large mixed.log", MixedText(1500000, 94, 50000)));
+  ASSERT_TRUE(WriteFile(root + "/block.log", LogText(CZip::kBlockSize, 95)));
+  ASSERT_TRUE(WriteFile(root + "/block+1.log", LogText(CZip::kBlockSize + 1, 96)));
+  ASSERT_TRUE(WriteFile(root + "/out-1.bin", RandomBytes(CEntryDeflater::kOutputSize - 1, 97)));
+  ASSERT_TRUE(WriteFile(root + "/out.bin", RandomBytes(CEntryDeflater::kOutputSize, 98)));
+  ASSERT_TRUE(WriteFile(root + "/\xE6\x97\xA5\xE6\x9C\xAC/empty", ""));
+  ASSERT_TRUE(MakeDir(root + "/hollow"));
+}
+
+// What Python's zlib says of every entry: whether its stored bytes are the
+// stream zlib.compressobj(9, DEFLATED, -15, 8, 0) makes of its data, with
+// the flags of a level-9 entry and nothing else; and how many entries are
+// marked text and binary.
+struct DeflateCheck {
+  int status = -1;
+  std::string out;  // "ENTRIES n TEXT t BINARY b", after any complaint
+};
+
+DeflateCheck CheckDeflateWithPython(const std::string& archive) {
+  static const char kScript[] =
+      "import struct, sys, zipfile, zlib\n"
+      "z = zipfile.ZipFile(sys.argv[1])\n"
+      "f = open(sys.argv[1], 'rb')\n"
+      "counts = {0: 0, 1: 0}\n"
+      "for i in z.infolist():\n"
+      "    f.seek(i.header_offset)\n"
+      "    head = f.read(30)\n"
+      "    flags, method = struct.unpack('<HH', head[6:10])\n"
+      "    name_len, extra_len = struct.unpack('<HH', head[26:30])\n"
+      "    f.seek(name_len + extra_len, 1)\n"
+      "    stored = f.read(i.compress_size)\n"
+      "    c = zlib.compressobj(9, zlib.DEFLATED, -15, 8, 0)\n"
+      "    want = c.compress(z.read(i)) + c.flush()\n"
+      "    if stored != want:\n"
+      "        print('STREAM', repr(i.filename), len(stored), len(want))\n"
+      "    if flags != 2 or i.flag_bits != 2 or method != 8 or i.compress_type != 8:\n"
+      "        print('FLAGS', repr(i.filename), flags, i.flag_bits, method)\n"
+      "    if i.internal_attr not in counts:\n"
+      "        print('ATTRIBUTE', repr(i.filename), i.internal_attr)\n"
+      "    else:\n"
+      "        counts[i.internal_attr] += 1\n"
+      "print('ENTRIES', len(z.infolist()), 'TEXT', counts[1], 'BINARY', counts[0])\n";
+  const keeltest::CommandResult ran = keeltest::Run({"python3", "-c", kScript, archive});
+  return {ran.status, ran.out + ran.err};
+}
+
+// Zips `source` with the sequential path and with each of `workers`; every
+// archive must be the sequential one, byte for byte.
+void ExpectEveryWayGivesTheSameArchive(const std::string& source, const std::string& out,
+                                       const std::vector<unsigned>& workers) {
+  const std::string reference = out + "/sequential.zip";
+  ASSERT_EQ(CZip::Zip(source, reference, "", true, CZip::kSequential), 0u);
+  const std::string expected = ReadFile(reference);
+  for (const unsigned count : workers) {
+    const std::string archive = out + "/workers" + std::to_string(count) + ".zip";
+    ASSERT_EQ(CZip::Zip(source, archive, "", true, count), 0u) << count << " workers";
+    const std::string bytes = ReadFile(archive);
+    EXPECT_EQ(bytes.size(), expected.size()) << count << " workers";
+    EXPECT_TRUE(bytes == expected) << count << " workers: the archives differ";
+  }
+}
+
+TEST(CZip, WorkersWriteTheSequentialArchiveByteForByte) {
+  TempDir tmp;
+  const std::string source = tmp.Sub("work");
+  ASSERT_NO_FATAL_FAILURE(MakeMixedTree(source, 2000));
+  const std::string out = tmp.Sub("out");
+  ASSERT_TRUE(MakeDir(out));
+  ExpectEveryWayGivesTheSameArchive(source, out, {1, 2, 3, 8});
+
+  const std::vector<Expected> expected = ExpectedTree(source);
+  ExpectArchiveHolds(out + "/workers3.zip", expected);
+  // Both kinds of data are there, so the internal attribute is compared in
+  // both values.
+  const DeflateCheck check = CheckDeflateWithPython(out + "/workers3.zip");
+  EXPECT_EQ(check.status, 0);
+  EXPECT_TRUE(std::regex_match(check.out, std::regex("ENTRIES 2008 TEXT [1-9][0-9]* BINARY "
+                                                     "[1-9][0-9]*\n")))
+      << check.out;
+}
+
+TEST(CZip, EveryEntryIsTheStreamPythonsZlibMakesAtLevel9) {
+  TempDir tmp;
+  const std::string source = tmp.Sub("work");
+  ASSERT_NO_FATAL_FAILURE(MakeMixedTree(source, 200));
+  const std::string out = tmp.Sub("out");
+  ASSERT_TRUE(MakeDir(out));
+  for (const unsigned workers : {CZip::kSequential, 2u}) {
+    const std::string archive = out + "/w" + std::to_string(workers) + ".zip";
+    ASSERT_EQ(CZip::Zip(source, archive, "", true, workers), 0u);
+    const DeflateCheck check = CheckDeflateWithPython(archive);
+    EXPECT_EQ(check.status, 0);
+    EXPECT_TRUE(std::regex_match(check.out, std::regex("ENTRIES 208 TEXT \\d+ BINARY \\d+\n")))
+        << check.out;
+  }
+}
+
+TEST(CZip, UnreadableFileGivesTheSameEmptyEntryOnWorkers) {
+  TempDir tmp;
+  ASSERT_EQ(chmod(tmp.path().c_str(), 0755), 0);
+  const std::string source = tmp.Sub("work");
+  ASSERT_NO_FATAL_FAILURE(MakeMixedTree(source, 300));
+  const std::string locked = source + "/logs/locked.log";
+  ASSERT_TRUE(WriteFile(locked, LogText(70000, 99)));
+  ASSERT_EQ(keeltest::Run({"chmod", "-R", "a+rX", source}).status, 0);
+  ASSERT_EQ(chmod(locked.c_str(), 0600), 0);
+  const std::string out = tmp.Sub("out");
+  ASSERT_TRUE(MakeDir(out, 0777));
+  const int status = RunAsNobody([&] {
+    if (access(locked.c_str(), R_OK) == 0)
+      return kChildCannotSetUp;
+    for (const unsigned workers : {CZip::kSequential, 1u, 4u}) {
+      if (CZip::Zip(source, out + "/w" + std::to_string(workers) + ".zip", "", true, workers) != 0)
+        return 1;
+    }
+    return 0;
+  });
+  if (status == kChildCannotSetUp)
+    GTEST_SKIP() << "can't make a file unreadable here";
+  ASSERT_EQ(status, 0);
+  const std::string expected = ReadFile(out + "/w0.zip");
+  EXPECT_TRUE(ReadFile(out + "/w1.zip") == expected);
+  EXPECT_TRUE(ReadFile(out + "/w4.zip") == expected);
+  std::vector<Expected> entries = ExpectedTree(source);
+  for (Expected& entry : entries) {
+    if (entry.name == "logs/locked.log")
+      entry.bytes.clear();
+  }
+  ExpectArchiveHolds(out + "/w4.zip", entries);
+}
+
+TEST(CZip, FilesThatChangedSinceTheListingGiveWhatTheSequentialPathWould) {
+  TempDir tmp;
+  const std::string source = tmp.Sub("work");
+  ASSERT_NO_FATAL_FAILURE(MakeMixedTree(source, 100));
+  std::vector<std::string> files;
+  ASSERT_EQ(CZip::getDirContents(files, source, true), 0u);
+  std::vector<std::string> names;
+  for (const std::string& file : files)
+    names.push_back(file.substr(source.size() + 1));
+  // After the listing: one file grows past a block, one shrinks, one goes,
+  // one turns from text to binary; the dates move too.
+  ASSERT_TRUE(WriteFile(source + "/block.log", LogText(3 * CZip::kBlockSize + 5, 100)));
+  ASSERT_TRUE(WriteFile(source + "/large text.log", "short now\n"));
+  ASSERT_EQ(unlink((source + "/out.bin").c_str()), 0);
+  ASSERT_TRUE(WriteFile(source + "/block+1.log", RandomBytes(5000, 101)));
+  const std::string out = tmp.Sub("out");
+  ASSERT_TRUE(MakeDir(out));
+  ASSERT_EQ(CZip::createZipFile(files, out + "/s.zip", names, "", CZip::kSequential), 0u);
+  ASSERT_EQ(CZip::createZipFile(files, out + "/p.zip", names, "", 3), 0u);
+  EXPECT_TRUE(ReadFile(out + "/s.zip") == ReadFile(out + "/p.zip"));
+  EXPECT_EQ(keeltest::ZipEntry(out + "/p.zip", "large text.log"), "short now\n");
+  EXPECT_EQ(keeltest::ZipEntry(out + "/p.zip", "out.bin"), "");
+  EXPECT_EQ(keeltest::ZipEntry(out + "/p.zip", "block.log"), ReadFile(source + "/block.log"));
+}
+
+TEST(CZip, WorkerCountIsOnePerCoreAndAtLeastOne) {
+  const unsigned cores = std::thread::hardware_concurrency();
+  EXPECT_EQ(CZip::DefaultWorkerCount(), cores > 0 ? cores : 1u);
+  EXPECT_GE(CZip::DefaultWorkerCount(), 1u);
+}
+
+TEST(CZip, PasswordTakesTheSequentialPathWhateverTheWorkers) {
+  TempDir tmp;
+  const std::string source = tmp.Sub("work");
+  ASSERT_NO_FATAL_FAILURE(MakeTree(source));
+  const std::string archive = tmp.Sub("secret.zip");
+  ASSERT_EQ(CZip::Zip(source, archive, "pw", true, 4), 0u);
+  ExpectArchiveHolds(archive, ExpectedTree(source), "pw");
+  // Encrypted entries (flag bit 0) for every file with data.
+  const PyArchive py = ReadWithPython(archive, "pw");
+  ASSERT_EQ(py.status, 0) << py.errors;
+  for (const PyEntry& entry : py.entries)
+    EXPECT_EQ((entry.flags & 1) != 0, !entry.bytes.empty()) << entry.name;
+}
+
+// ===========================================================================
+// The worker pool itself, also run under ThreadSanitizer.
+
+// Zips `files` under `names` with CParallelZip into `archive`, written as
+// createZipFile writes it but with the given limits.
+ResultCode ZipWithPool(const std::vector<std::string>& files, const std::vector<std::string>& names,
+                       const std::string& archive, unsigned workers,
+                       const CParallelZip::Limits& limits, size_t* peakQueued = nullptr) {
+  CArchiveFile file;
+  ResultCode result = file.create(archive);
+  if (result != 0)
+    return result;
+  zipFile zip = zipOpen2_64(file.temporaryPath().c_str(), APPEND_STATUS_CREATE, nullptr,
+                            file.fileFunctions());
+  if (zip == nullptr)
+    return GLOBAL_ERROR_BAD_PARAMETER;
+  CParallelZip pool(zip, files, names, nullptr, workers, limits);
+  result = pool.run();
+  if (peakQueued != nullptr)
+    *peakQueued = pool.peakQueued();
+  const int closed = zipClose(zip, nullptr);
+  if (result == 0 && closed != ZIP_OK)
+    result = GLOBAL_ERROR_UNEXPECTED;
+  return result != 0 ? result : file.commit();
+}
+
+// A tree where entries outgrow small limits: incompressible files of a few
+// hundred KiB between small text files.
+void MakeQueueTree(const std::string& root, std::vector<std::string>* files,
+                   std::vector<std::string>* names) {
+  for (int i = 0; i < 60; ++i) {
+    const std::string name = "f" + std::to_string(i) + (i % 7 == 3 ? ".bin" : ".log");
+    const std::string bytes = i % 7 == 3 ? RandomBytes(150000 + 1000 * i, 110 + i)
+                                         : LogText(100 + 997 * (i % 13), 110 + i);
+    ASSERT_TRUE(WriteFile(root + "/" + name, bytes));
+    files->push_back(root + "/" + name);
+    names->push_back(name);
+  }
+}
+
+TEST(CZipConcurrency, PoolUnderTightLimitsWritesTheSequentialArchiveWithinItsBound) {
+  TempDir tmp;
+  std::vector<std::string> files, names;
+  ASSERT_NO_FATAL_FAILURE(MakeQueueTree(tmp.Sub("work"), &files, &names));
+  const std::string reference = tmp.Sub("reference.zip");
+  ASSERT_EQ(CZip::createZipFile(files, reference, names, "", CZip::kSequential), 0u);
+  const std::string expected = ReadFile(reference);
+
+  CParallelZip::Limits tight;
+  tight.queueBudget = 64 * 1024;
+  tight.frontLimit = 16 * 1024;
+  tight.maxInFlight = 3;
+  CParallelZip::Limits roomy;
+  for (const CParallelZip::Limits& limits : {tight, roomy}) {
+    for (const unsigned workers : {1u, 2u, 4u, 7u}) {
+      SCOPED_TRACE(std::to_string(workers) + " workers, budget " +
+                   std::to_string(limits.queueBudget));
+      const std::string archive = tmp.Sub("pool.zip");
+      size_t peak = 0;
+      ASSERT_EQ(ZipWithPool(files, names, archive, workers, limits, &peak), 0u);
+      EXPECT_TRUE(ReadFile(archive) == expected);
+      EXPECT_LE(peak, limits.queueBudget + limits.frontLimit + CEntryDeflater::kOutputSize);
+      EXPECT_GT(peak, 0u);
+    }
+  }
+}
+
+TEST(CZipConcurrency, WriteFailureStopsEveryWorkerAndLeavesNothing) {
+  TempDir tmp;
+  std::vector<std::string> files, names;
+  ASSERT_NO_FATAL_FAILURE(MakeQueueTree(tmp.Sub("work"), &files, &names));
+  const std::string out = tmp.Sub("out");
+  ASSERT_TRUE(MakeDir(out));
+  const std::string archive = out + "/bundle.zip";
+  CParallelZip::Limits tight;
+  tight.queueBudget = 64 * 1024;
+  tight.frontLimit = 16 * 1024;
+  tight.maxInFlight = 3;
+  ASSERT_EQ(ZipWithPool(files, names, archive, 4, tight), 0u);
+  const size_t size = ReadFile(archive).size();
+  ASSERT_TRUE(WriteFile(archive, "previous bundle\n"));
+  // The disk fills early, in the middle and late; workers are then waiting
+  // on the writer, on the budget or for a file to take, and must all stop.
+  for (const rlim_t limit : {rlim_t{100}, rlim_t{size / 3}, rlim_t{size / 2}, rlim_t{size - 30}}) {
+    for (const unsigned workers : {1u, 4u}) {
+      const int status = RunChild([&] {
+        signal(SIGXFSZ, SIG_IGN);
+        struct rlimit fileSize = {limit, RLIM_INFINITY};
+        if (setrlimit(RLIMIT_FSIZE, &fileSize) != 0)
+          return kChildCannotSetUp;
+        if (ZipWithPool(files, names, archive, workers, tight) != GLOBAL_ERROR_UNEXPECTED)
+          return 1;
+        if (ReadFile(archive) != "previous bundle\n")
+          return 2;
+        return keeltest::ListDir(out).size() == 1 ? 0 : 3;
+      });
+      if (status == kChildCannotSetUp)
+        GTEST_SKIP() << "can't limit the file size here";
+      EXPECT_EQ(status, 0) << "limit " << limit << ", " << workers << " workers";
+    }
+  }
 }
 
 // ===========================================================================

@@ -1,0 +1,282 @@
+#include "Common/Zip/ArchiveFile.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "Common/Log/Log.h"
+#include "Common/Utility/InterruptGuard.h"
+
+namespace {
+
+// The text of `error`, without the shared buffer of strerror.
+std::string ErrnoText(int error) {
+  char buffer[256];
+  return strerror_r(error, buffer, sizeof(buffer));
+}
+
+bool SameFile(const struct stat& a, const struct stat& b) {
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+// The longest part of the archive's name that goes into the new file's
+// name, so that the prefix, the name and the suffix stay within NAME_MAX.
+constexpr size_t kNameInTemporary = 200;
+
+}  // namespace
+
+CArchiveFile::CArchiveFile() {
+  memset(&m_functions, 0, sizeof(m_functions));
+  memset(&m_old, 0, sizeof(m_old));
+  memset(&m_new, 0, sizeof(m_new));
+  m_functions.zopen64_file = Open;
+  m_functions.zread_file = Read;
+  m_functions.zwrite_file = Write;
+  m_functions.ztell64_file = Tell;
+  m_functions.zseek64_file = Seek;
+  m_functions.zclose_file = Close;
+  m_functions.zerror_file = TestError;
+  m_functions.opaque = this;
+}
+
+CArchiveFile::~CArchiveFile() {
+  discard();
+}
+
+ResultCode CArchiveFile::create(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  m_folder = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+  m_name = slash == std::string::npos ? path : path.substr(slash + 1);
+  if (m_name.empty() || m_name == "." || m_name == "..") {
+    KLOG_E("The archive path \"%s\" names no file.", path.c_str());
+    return GLOBAL_ERROR_BAD_PARAMETER;
+  }
+  // Every later step works relative to this descriptor, so that a folder
+  // renamed or replaced meanwhile can't redirect the rename.
+  m_folderFd = open(m_folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (m_folderFd < 0) {
+    const int error = errno;
+    KLOG_E("Could not open the folder of the archive \"%s\": %s", m_folder.c_str(),
+           ErrnoText(error).c_str());
+    return GLOBAL_ERROR_BAD_PARAMETER;
+  }
+  m_hadOld = fstatat(m_folderFd, m_name.c_str(), &m_old, AT_SYMLINK_NOFOLLOW) == 0 &&
+             S_ISREG(m_old.st_mode);
+
+  // mkostemp creates with O_EXCL: an existing name, a planted link among
+  // them, is never opened, only passed over for another.
+  std::string pattern =
+      (m_folder == "/" ? "" : m_folder) + "/." + m_name.substr(0, kNameInTemporary) + ".XXXXXX";
+  m_fd = mkostemp(&pattern[0], O_CLOEXEC);
+  if (m_fd < 0) {
+    const int error = errno;
+    KLOG_E("Could not create a new archive file in \"%s\": %s", m_folder.c_str(),
+           ErrnoText(error).c_str());
+    closeDescriptors();
+    return GLOBAL_ERROR_BAD_PARAMETER;
+  }
+  m_temporaryPath = pattern;
+  m_temporaryName = pattern.substr(pattern.rfind('/') + 1);
+  CInterruptGuard::TrackFile(m_temporaryPath);
+
+  // The file must lie in the folder the descriptor holds, or the rename
+  // would not find it.
+  struct stat named;
+  if (fstat(m_fd, &m_new) != 0 ||
+      fstatat(m_folderFd, m_temporaryName.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0 ||
+      !SameFile(m_new, named)) {
+    KLOG_E("The folder of the archive \"%s\" changed while the archive file was made.",
+           m_folder.c_str());
+    unlink(m_temporaryPath.c_str());
+    CInterruptGuard::ForgetFile(m_temporaryPath);
+    closeDescriptors();
+    return GLOBAL_ERROR_BAD_PARAMETER;
+  }
+  // Only the owner may read the bundle, whatever the umask.
+  if (fchmod(m_fd, S_IRUSR | S_IWUSR) != 0)
+    remember(errno, "fchmod");
+  m_buffer.reserve(kBufferSize);
+  m_position = 0;
+  return 0;
+}
+
+bool CArchiveFile::isArchive(const struct stat& info) const {
+  if (m_fd >= 0 && SameFile(info, m_new))
+    return true;
+  return m_hadOld && SameFile(info, m_old);
+}
+
+ResultCode CArchiveFile::commit() {
+  if (m_fd < 0) {
+    KLOG_E("There is no archive file to commit.");
+    return GLOBAL_ERROR_UNEXPECTED;
+  }
+  if (flush() && fsync(m_fd) != 0)
+    remember(errno, "fsync");
+  if (m_error != 0) {
+    KLOG_E("The archive \"%s\" was not written whole and is removed.", m_temporaryPath.c_str());
+    discard();
+    return GLOBAL_ERROR_UNEXPECTED;
+  }
+  // rename replaces a link at the path with the archive; it never writes
+  // through it.
+  if (renameat(m_folderFd, m_temporaryName.c_str(), m_folderFd, m_name.c_str()) != 0) {
+    const int error = errno;
+    KLOG_E("Could not rename \"%s\" to \"%s\" in \"%s\": %s", m_temporaryName.c_str(),
+           m_name.c_str(), m_folder.c_str(), ErrnoText(error).c_str());
+    discard();
+    return GLOBAL_ERROR_UNEXPECTED;
+  }
+  CInterruptGuard::ForgetFile(m_temporaryPath);
+  // The new name lasts a crash only once the folder is on disk as well; the
+  // archive itself is whole either way.
+  if (fsync(m_folderFd) != 0) {
+    const int error = errno;
+    KLOG_W("Could not flush the folder \"%s\": %s", m_folder.c_str(), ErrnoText(error).c_str());
+  }
+  closeDescriptors();
+  return 0;
+}
+
+void CArchiveFile::discard() {
+  if (m_fd >= 0)
+    removeTemporary();
+  closeDescriptors();
+}
+
+void CArchiveFile::removeTemporary() {
+  if (unlinkat(m_folderFd, m_temporaryName.c_str(), 0) != 0) {
+    const int error = errno;
+    KLOG_E("Could not remove the unfinished archive \"%s\": %s", m_temporaryPath.c_str(),
+           ErrnoText(error).c_str());
+  }
+  CInterruptGuard::ForgetFile(m_temporaryPath);
+}
+
+void CArchiveFile::closeDescriptors() {
+  if (m_fd >= 0)
+    close(m_fd);
+  if (m_folderFd >= 0)
+    close(m_folderFd);
+  m_fd = -1;
+  m_folderFd = -1;
+  m_buffer.clear();
+  m_buffer.shrink_to_fit();
+}
+
+void CArchiveFile::remember(int error, const char* what) {
+  if (m_error != 0)
+    return;
+  m_error = error != 0 ? error : EIO;
+  KLOG_E("%s of the archive \"%s\" failed: %s", what, m_temporaryPath.c_str(),
+         ErrnoText(m_error).c_str());
+}
+
+bool CArchiveFile::writeOut(const unsigned char* data, size_t size) {
+  while (size > 0) {
+    const ssize_t written = write(m_fd, data, size);
+    if (written < 0 && errno == EINTR)
+      continue;
+    if (written <= 0) {
+      // A write that takes nothing and reports no error means no space.
+      remember(written < 0 ? errno : ENOSPC, "write");
+      return false;
+    }
+    data += written;
+    size -= static_cast<size_t>(written);
+    m_position += static_cast<unsigned long long>(written);
+  }
+  return true;
+}
+
+bool CArchiveFile::flush() {
+  if (m_error != 0)
+    return false;
+  const bool written = writeOut(m_buffer.data(), m_buffer.size());
+  m_buffer.clear();
+  return written;
+}
+
+voidpf CArchiveFile::Open(voidpf opaque, const void* /*filename*/, int /*mode*/) {
+  CArchiveFile* self = static_cast<CArchiveFile*>(opaque);
+  return self->m_fd >= 0 ? self : nullptr;
+}
+
+uLong CArchiveFile::Read(voidpf /*opaque*/, voidpf stream, void* buffer, uLong size) {
+  CArchiveFile* self = static_cast<CArchiveFile*>(stream);
+  if (!self->flush())
+    return 0;
+  ssize_t count;
+  do {
+    count = read(self->m_fd, buffer, size);
+  } while (count < 0 && errno == EINTR);
+  if (count < 0) {
+    self->remember(errno, "read");
+    return 0;
+  }
+  self->m_position += static_cast<unsigned long long>(count);
+  return static_cast<uLong>(count);
+}
+
+uLong CArchiveFile::Write(voidpf /*opaque*/, voidpf stream, const void* buffer, uLong size) {
+  CArchiveFile* self = static_cast<CArchiveFile*>(stream);
+  if (self->m_error != 0)
+    return 0;
+  const unsigned char* data = static_cast<const unsigned char*>(buffer);
+  if (self->m_buffer.size() + size > kBufferSize && !self->flush())
+    return 0;
+  if (size >= kBufferSize) {
+    if (!self->writeOut(data, size))
+      return 0;
+    return size;
+  }
+  self->m_buffer.insert(self->m_buffer.end(), data, data + size);
+  return size;
+}
+
+ZPOS64_T CArchiveFile::Tell(voidpf /*opaque*/, voidpf stream) {
+  const CArchiveFile* self = static_cast<CArchiveFile*>(stream);
+  return self->m_position + self->m_buffer.size();
+}
+
+long CArchiveFile::Seek(voidpf /*opaque*/, voidpf stream, ZPOS64_T offset, int origin) {
+  CArchiveFile* self = static_cast<CArchiveFile*>(stream);
+  if (!self->flush())
+    return -1;
+  int whence;
+  switch (origin) {
+    case ZLIB_FILEFUNC_SEEK_SET:
+      whence = SEEK_SET;
+      break;
+    case ZLIB_FILEFUNC_SEEK_CUR:
+      whence = SEEK_CUR;
+      break;
+    case ZLIB_FILEFUNC_SEEK_END:
+      whence = SEEK_END;
+      break;
+    default:
+      return -1;
+  }
+  const off_t position = lseek(self->m_fd, static_cast<off_t>(offset), whence);
+  if (position < 0) {
+    self->remember(errno, "lseek");
+    return -1;
+  }
+  self->m_position = static_cast<unsigned long long>(position);
+  return 0;
+}
+
+int CArchiveFile::Close(voidpf /*opaque*/, voidpf /*stream*/) {
+  // The descriptor stays open until commit() or discard(): the data is
+  // flushed to disk there, and only then renamed.
+  return 0;
+}
+
+int CArchiveFile::TestError(voidpf /*opaque*/, voidpf stream) {
+  return static_cast<CArchiveFile*>(stream)->m_error;
+}

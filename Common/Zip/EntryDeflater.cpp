@@ -1,0 +1,97 @@
+#include "Common/Zip/EntryDeflater.h"
+
+#include <cstring>
+
+#include "Common/Log/Log.h"
+#include "Common/Utility/ScopedHandles.h"
+#include "Common/Zip/CZip.h"
+
+CDeflateStream::CDeflateStream() {
+  memset(&m_stream, 0, sizeof(m_stream));
+}
+
+CDeflateStream::~CDeflateStream() {
+  if (m_ready)
+    deflateEnd(&m_stream);
+}
+
+int CDeflateStream::start() {
+  // A reset stream deflates exactly as a fresh one, without allocating its
+  // window and tables again for every entry.
+  if (m_ready)
+    return deflateReset(&m_stream);
+  const int code = deflateInit2(&m_stream, kZipDeflateLevel, Z_DEFLATED, kZipWindowBits,
+                                kZipMemLevel, kZipStrategy);
+  m_ready = code == Z_OK;
+  return code;
+}
+
+CEntryDeflater::CEntryDeflater()
+    : m_input(new unsigned char[CZip::kBlockSize]), m_output(new unsigned char[kOutputSize]) {}
+
+CEntryDeflater::Totals CEntryDeflater::deflateFile(const std::string& path, const Sink& sink) {
+  Totals totals;
+  totals.crc = crc32(0L, Z_NULL, 0);
+  totals.failure = m_stream.start();
+  if (totals.failure != Z_OK)
+    return totals;
+  z_stream* stream = m_stream.get();
+  stream->next_out = m_output.get();
+  stream->avail_out = static_cast<uInt>(kOutputSize);
+
+  // The blocks minizip would have been handed: whole blocks of kBlockSize
+  // until the end, then what is left.
+  FileHandle file(fopen(path.c_str(), "rb"));
+  while (file) {
+    const size_t count = fread(m_input.get(), 1, CZip::kBlockSize, file.get());
+    if (count > 0) {
+      totals.crc = crc32(totals.crc, m_input.get(), static_cast<uInt>(count));
+      totals.size += count;
+      stream->next_in = m_input.get();
+      stream->avail_in = static_cast<uInt>(count);
+      if (!pump(Z_NO_FLUSH, &totals, sink))
+        return totals;
+    }
+    if (count < CZip::kBlockSize) {
+      if (ferror(file.get()))
+        KLOG_E("Could not read %s", path.c_str());
+      break;
+    }
+  }
+  stream->next_in = nullptr;
+  stream->avail_in = 0;
+  pump(Z_FINISH, &totals, sink);
+  return totals;
+}
+
+bool CEntryDeflater::pump(int flush, Totals* totals, const Sink& sink) {
+  // The loops of minizip's zipWriteInFileInZip (Z_NO_FLUSH, while input is
+  // left) and zipCloseFileInZip (Z_FINISH, until the end of the stream): a
+  // full output buffer is handed on before the next call.
+  z_stream* stream = m_stream.get();
+  for (;;) {
+    if (flush != Z_FINISH && stream->avail_in == 0)
+      return true;
+    if (stream->avail_out == 0) {
+      if (!sink(m_output.get(), kOutputSize, false, stream->data_type)) {
+        totals->stopped = true;
+        return false;
+      }
+      stream->next_out = m_output.get();
+      stream->avail_out = static_cast<uInt>(kOutputSize);
+    }
+    const int code = deflate(stream, flush);
+    if (code == Z_STREAM_END)
+      break;
+    if (code != Z_OK) {
+      totals->failure = code;
+      return false;
+    }
+  }
+  const size_t produced = kOutputSize - stream->avail_out;
+  if (!sink(m_output.get(), produced, true, stream->data_type)) {
+    totals->stopped = true;
+    return false;
+  }
+  return true;
+}

@@ -1,0 +1,85 @@
+// The deflate settings of every archive entry, and the compression of one
+// file into a raw deflate stream exactly as minizip makes it.
+//
+// minizip, given an entry's data in blocks of CZip::kBlockSize bytes,
+// deflates each block with Z_NO_FLUSH and ends the stream with Z_FINISH on no
+// further input. CEntryDeflater makes the same calls in the same order with
+// the same settings, so the stream it produces is the one minizip would have
+// stored, bit for bit; the archive writer can then store it as a raw entry.
+//
+// CDeflateStream owns one z_stream set up with those settings.
+// CEntryDeflater owns a stream and its buffers and is reused from file to
+// file; one object belongs to one thread at a time.
+#ifndef COMMON_ZIP_ENTRYDEFLATER_H_
+#define COMMON_ZIP_ENTRYDEFLATER_H_
+
+#include <minizip/ioapi.h>
+#include <zlib.h>
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <string>
+
+// Every entry: best compression, raw deflate with the largest window, the
+// default memory level and strategy.
+constexpr int kZipDeflateLevel = 9;
+constexpr int kZipWindowBits = -MAX_WBITS;
+constexpr int kZipMemLevel = 8;
+constexpr int kZipStrategy = Z_DEFAULT_STRATEGY;
+
+// A z_stream for deflating with the settings above, ended on destruction.
+class CDeflateStream {
+ public:
+  CDeflateStream();
+  ~CDeflateStream();
+  CDeflateStream(const CDeflateStream&) = delete;
+  CDeflateStream& operator=(const CDeflateStream&) = delete;
+
+  // deflateInit2 the first time, deflateReset after; zlib's result.
+  int start();
+  z_stream* get() { return &m_stream; }
+
+ private:
+  z_stream m_stream;
+  bool m_ready = false;
+};
+
+class CEntryDeflater {
+ public:
+  // The size of the output buffer, and so of every piece handed on but the
+  // last of an entry.
+  static constexpr size_t kOutputSize = 64 * 1024;
+
+  // Receives the compressed output of an entry piece by piece, in order;
+  // `last` marks the final piece (which may be empty). `dataType` is what
+  // zlib found the data to be (Z_TEXT or Z_BINARY); it is settled before
+  // the first byte of output. Returns false to stop the entry.
+  using Sink = std::function<bool(const unsigned char* data, size_t size, bool last, int dataType)>;
+
+  // What went into one entry.
+  struct Totals {
+    uLong crc = 0;         // CRC-32 of the bytes read
+    ZPOS64_T size = 0;     // number of bytes read
+    int failure = Z_OK;    // a zlib failure, which spoils the entry
+    bool stopped = false;  // the sink asked to stop
+  };
+
+  CEntryDeflater();
+
+  // Deflates the bytes of `path`. A file that can't be opened gives the
+  // stream of no data; a read failure ends the data early (logged). Neither
+  // counts as a failure.
+  Totals deflateFile(const std::string& path, const Sink& sink);
+
+ private:
+  // Runs deflate over the input in the stream with `flush` and hands every
+  // full output buffer on; with Z_FINISH also the rest.
+  bool pump(int flush, Totals* totals, const Sink& sink);
+
+  CDeflateStream m_stream;
+  std::unique_ptr<unsigned char[]> m_input;
+  std::unique_ptr<unsigned char[]> m_output;
+};
+
+#endif  // COMMON_ZIP_ENTRYDEFLATER_H_
