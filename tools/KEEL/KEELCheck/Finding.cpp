@@ -1,0 +1,18 @@
+#include "tools/KEEL/KEELCheck/Finding.h"
+
+#include <algorithm>
+
+namespace keelcheck {
+
+std::string FormatFinding(const Finding& finding) {
+  return finding.file + ":" + std::to_string(finding.line) + ":" + std::to_string(finding.column) +
+         ": " + (finding.severity == Severity::kError ? "error" : "warning") + ": " + finding.text;
+}
+
+void SortByPlace(FindingList& findings) {
+  std::stable_sort(findings.begin(), findings.end(), [](const Finding& a, const Finding& b) {
+    return a.line != b.line ? a.line < b.line : a.column < b.column;
+  });
+}
+
+}  // namespace keelcheck
