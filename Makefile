@@ -55,7 +55,7 @@ test-asan:
 
 # The tests that run threads at once, under ThreadSanitizer: only the test
 # programs that hold such suites are built.
-TSAN_TARGETS := keel_engine_test keel_ipc_test keel_utility_test keel_crypt_test keel_e2e_test
+TSAN_TARGETS := keel_engine_test keel_ipc_test keel_utility_test keel_crypt_test keel_zip_test keel_e2e_test
 
 test-tsan:
 	cmake -S . -B build-tsan $(CMAKE_FLAGS) -DKEEL_WERROR=ON -DKEEL_BENCH=OFF \

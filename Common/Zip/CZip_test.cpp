@@ -1708,6 +1708,34 @@ TEST(CZipConcurrency, PoolUnderTightLimitsWritesTheSequentialArchiveWithinItsBou
   }
 }
 
+TEST(CZipConcurrency, ZipOnWorkersGivesTheSequentialArchiveAndSkipsItself) {
+  TempDir tmp;
+  const std::string source = tmp.Sub("work");
+  ASSERT_NO_FATAL_FAILURE(MakeMixedTree(source, 300));
+  // An old archive inside the source: the workers find and leave it out,
+  // with a warning from their own threads, while files of unreadable dates
+  // and sizes warn as well.
+  const std::string archive = source + "/logs/bundle.zip";
+  ASSERT_TRUE(WriteFile(archive, RandomBytes(30000, 120)));
+  std::vector<std::string> files;
+  ASSERT_EQ(CZip::getDirContents(files, source, true), 0u);
+  std::vector<std::string> names;
+  for (const std::string& file : files)
+    names.push_back(file.substr(source.size() + 1));
+  files.push_back(tmp.Sub("missing.log"));
+  names.push_back("missing.log");
+  LogCapture capture;
+  ASSERT_EQ(CZip::createZipFile(files, archive, names, "", 4), 0u);
+  EXPECT_EQ(capture.Count("\nSkipping " + archive + ", because it is the archive being written."),
+            1u);
+  EXPECT_EQ(capture.Count("\nFailed to get file time attributes."), 1u);
+  const std::string onWorkers = ReadFile(archive);
+  ASSERT_TRUE(WriteFile(archive, RandomBytes(30000, 120)));
+  ASSERT_EQ(CZip::createZipFile(files, archive, names, "", CZip::kSequential), 0u);
+  EXPECT_TRUE(onWorkers == ReadFile(archive));
+  EXPECT_EQ(keeltest::ZipEntryNames(archive).size(), files.size() - 1);
+}
+
 TEST(CZipConcurrency, WriteFailureStopsEveryWorkerAndLeavesNothing) {
   TempDir tmp;
   std::vector<std::string> files, names;
