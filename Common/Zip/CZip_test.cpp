@@ -1828,6 +1828,10 @@ void ZipSparseFileOfSize(uint64_t size, const std::string& expectedFacts) {
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
   EXPECT_LT(PeakResidentKiB(), 64 * 1024) << "peak resident size in KiB";
 #endif
+  // The workers' archive is the sequential path's, byte for byte.
+  const std::string reference = tmp.Sub("sequential.zip");
+  EXPECT_EQ(CZip::Zip(source, reference, "", true, CZip::kSequential), 0u);
+  EXPECT_EQ(keeltest::Run({"cmp", archive, reference}).status, 0) << "the archives differ";
   const keeltest::CommandResult tested = keeltest::Run({"unzip", "-t", archive});
   EXPECT_EQ(tested.status, 0) << tested.out << tested.err;
   EXPECT_NE(tested.out.find("No errors detected"), std::string::npos) << tested.out;
