@@ -1,5 +1,6 @@
 #include "tests/support/TestSupport.h"
 
+#include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
@@ -211,6 +212,18 @@ std::vector<std::string> SortedZipEntryNames(const std::string& archive) {
   std::vector<std::string> names = ZipEntryNames(archive);
   std::sort(names.begin(), names.end());
   return names;
+}
+
+int RunInChild(const std::function<int()>& body) {
+  fflush(stdout);
+  fflush(stderr);
+  const pid_t pid = fork();
+  if (pid == 0)
+    _exit(body());
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  }
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 std::string BuildDir() {

@@ -4,6 +4,7 @@
 #define TESTS_SUPPORT_TESTSUPPORT_H_
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -116,6 +117,11 @@ std::string Shell(const std::string& command, int* status = nullptr);
 std::vector<std::string> ZipEntryNames(const std::string& archive);
 std::vector<std::string> SortedZipEntryNames(const std::string& archive);
 std::string ZipEntry(const std::string& archive, const std::string& name);
+
+// Runs `body` in a forked child; the answer is its exit status, or -1 when
+// the child did not end normally. For tests that change process-wide state
+// (limits, signal dispositions, the umask).
+int RunInChild(const std::function<int()>& body);
 
 // The folder holding the test binaries (the build folder's top).
 std::string BuildDir();

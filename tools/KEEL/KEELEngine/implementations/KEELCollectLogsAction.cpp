@@ -20,6 +20,8 @@ std::string copyErrorText(ResultCode code, const std::string& errorText) {
     phrase = " File not found";
   else if (code == KEELENGINE_ERROR_FILE_OPEN_FAILURE)
     phrase = " Error occurred opening the file";
+  else if (code == KEELENGINE_ERROR_WRITE_FAILURE)
+    phrase = " Error occurred writing the copy";
   else
     phrase = " Unexpected error occurred";
   if (!errorText.empty())
@@ -99,12 +101,18 @@ ResultCode KEELCollectLogsAction::performDirectoryAction(XMLObject& subtree,
     // The tree below loc is kept inside the bundle folder.
     const std::string target =
         CStringUtils::replaceAll(entry.directory, attributes.resolvedLoc, m_bundleFolder + "/");
-    // Throws when the folders cannot be made; nothing here can do better.
-    std::filesystem::create_directories(target);
     const std::string source = entry.directory + entry.name;
     const std::string destination = target + entry.name;
     std::string errorText;
-    result = helperUtil::fileCopy(source, destination, errorText);
+    std::error_code made;
+    std::filesystem::create_directories(target, made);
+    // A folder that cannot be made (a full disk) loses its file, and the
+    // summary says so.
+    result = made ? KEELENGINE_ERROR_WRITE_FAILURE : 0;
+    if (made)
+      errorText = made.message();
+    else
+      result = helperUtil::fileCopy(source, destination, errorText);
     if (result != 0) {
       helperUtil::fillSummaryFailedFile(m_pXMLSummary, m_fileId,
                                         helperUtil::splitAfterLast(source, "/"), m_description,

@@ -10,6 +10,8 @@
 #include <ctime>
 #include <fstream>
 #include <locale>
+#include <mutex>
+#include <random>
 #include <sstream>
 #include <vector>
 
@@ -294,8 +296,14 @@ std::string helperUtil::truncationTypeName(int32_t type) {
 }
 
 int32_t helperUtil::randomNumber() {
-  std::srand(static_cast<unsigned>(std::time(nullptr)));
-  return std::rand() % 100000;
+  // From the system's random source: a number another user could predict
+  // from the clock would let them make the run's fresh working-folder name
+  // in advance.
+  static std::mutex lock;
+  static std::random_device source;
+  std::uniform_int_distribution<int32_t> below(0, 99999);
+  std::lock_guard<std::mutex> hold(lock);
+  return below(source);
 }
 
 std::string helperUtil::stripLeadingBlanks(const std::string& text) {

@@ -94,9 +94,12 @@ class helperUtil {
   // ---- File operations ----------------------------------------------------
 
   // Copies a file, or a folder tree, to `destination` (its parent must
-  // exist). An existing destination file is removed first. On an open
-  // failure of the source, `errorText` receives strerror. Failures inside a
-  // folder tree are logged and never reach the caller.
+  // exist). An existing destination file is removed first; the copy is
+  // made with mode 0600 and never through a link. On an open failure of the
+  // source, `errorText` receives strerror. A copy that cannot be written
+  // whole is removed and gives KEELENGINE_ERROR_WRITE_FAILURE with the
+  // system's words in `errorText`. Failures inside a folder tree are logged
+  // and never reach the caller.
   static ResultCode fileCopy(const std::string& source, const std::string& destination,
                              std::string& errorText);
   // Removes a file; a missing file counts as removed.
@@ -104,7 +107,8 @@ class helperUtil {
   // Removes the files directly in `folder`; sub-folders stay.
   static ResultCode fileDeleteAll(const std::string& folder);
   // Removes the files of `folder` and the folder itself; one that still
-  // holds sub-folders gives KEELENGINE_ERROR_UNEXPECTED.
+  // holds sub-folders gives KEELENGINE_ERROR_UNEXPECTED. A symbolic link in
+  // place of the folder is never followed: KEELENGINE_ERROR_ACCESS_DENIED.
   static ResultCode fileDeleteDirectory(const std::string& folder);
   // Appends to `results` every file (never a folder) of `folder` whose
   // lower-cased name matches a pattern, going into sub-folders when
@@ -125,7 +129,7 @@ class helperUtil {
   // empties the file when `count` exceeds its size.
   static ResultCode fileTruncateFront(uint64_t count, const char* path);
   static ResultCode fileTruncateFront(uint64_t count, const std::string& path);
-  // mkdir of one level, mode 0777. Only EACCES is a failure
+  // mkdir of one level, mode 0700. Only EACCES is a failure
   // (KEELENGINE_ERROR_ACCESS_DENIED); anything else is logged and gives 0.
   static ResultCode MakeDirectory(const std::string& path);
   // Size in bytes (links followed), or -1.0 for a null path or a failed stat.
@@ -156,7 +160,7 @@ class helperUtil {
   // "Whole File", "Data (front or end)", "Truncate end", "Truncate front",
   // "No", or "Unknown".
   static std::string truncationTypeName(int32_t type);
-  // Below 100000; reseeds from the clock on every call.
+  // Below 100000, from the system's random source; thread-safe.
   static int32_t randomNumber();
   // Drops leading blanks and tabs.
   static std::string stripLeadingBlanks(const std::string& text);

@@ -1,5 +1,6 @@
 // File operations of helperUtil: copy, delete, find, cut, make, size.
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -68,18 +69,41 @@ ResultCode deleteDestination(const std::string& destination) {
   return result;
 }
 
+// The copy is made private (0600) and never through a link: it may hold a
+// file only root could read, and its folder may be left behind after the run.
+FILE* openCopyDestination(const std::string& destination) {
+  const int fd =
+      open(destination.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
+  if (fd < 0)
+    return nullptr;
+  FILE* file = fdopen(fd, "wb");
+  if (file == nullptr)
+    close(fd);
+  return file;
+}
+
+// A copy that could not be written whole (a full disk, an I/O error) must
+// not pass for the file at a cut size: it is removed and reported with the
+// system's words.
+ResultCode failWrittenCopy(const std::string& destination, int error, std::string& errorText) {
+  errorText = errnoText(error);
+  KLOG_RC_DESC(LOG_LEVEL_E, "fwrite", static_cast<ResultCode>(error), errorText.c_str());
+  unlink(destination.c_str());
+  return KEELENGINE_ERROR_WRITE_FAILURE;
+}
+
 ResultCode copyRegularFile(const std::string& source, const std::string& destination,
                            std::string& errorText) {
   ResultCode result = deleteDestination(destination);
   if (result != 0)
     return result;
 
-  FileHandle in(fopen(source.c_str(), "rb"));
+  FileHandle in(fopen(source.c_str(), "rbe"));
   if (!in) {
     errorText = errnoText(errno);
     return KEELENGINE_ERROR_FILE_OPEN_FAILURE;
   }
-  FileHandle out(fopen(destination.c_str(), "wb"));
+  FileHandle out(openCopyDestination(destination));
   if (!out) {
     KLOG_E("Failed to open file \"%s\"", destination.c_str());
     return KEELENGINE_ERROR_FILE_OPEN_FAILURE;
@@ -89,13 +113,16 @@ ResultCode copyRegularFile(const std::string& source, const std::string& destina
   for (;;) {
     const size_t got = fread(block.get(), 1, kCopyBlockSize, in.get());
     if (got > 0 && fwrite(block.get(), 1, got, out.get()) != got) {
-      // The copy still counts as made; its size shows what arrived.
-      KLOG_E("Failed to write file \"%s\"", destination.c_str());
-      break;
+      const int error = errno;
+      out.reset();
+      return failWrittenCopy(destination, error, errorText);
     }
     if (got < kCopyBlockSize)
       break;
   }
+  // The last block reaches the disk only here.
+  if (fclose(out.release()) != 0)
+    return failWrittenCopy(destination, errno, errorText);
   return 0;
 }
 
@@ -301,6 +328,14 @@ ResultCode helperUtil::fileDeleteDirectory(const std::string& folder) {
   std::string path = folder;
   if (path.back() != '/')
     path += '/';
+  // A link in place of the folder may have been planted by another user to
+  // make this delete the files of a folder of their choosing: never follow.
+  struct stat self;
+  if (lstat(path.substr(0, path.find_last_not_of('/') + 1).c_str(), &self) == 0 &&
+      S_ISLNK(self.st_mode)) {
+    KLOG_E("Not deleting \"%s\": it is a symbolic link", folder.c_str());
+    return KEELENGINE_ERROR_ACCESS_DENIED;
+  }
   if (access(path.c_str(), F_OK) != 0) {
     KLOG_RC(LOG_LEVEL_E, "access", static_cast<ResultCode>(errno));
     return KEELENGINE_ERROR_ACCESS_DENIED;
@@ -427,7 +462,8 @@ ResultCode helperUtil::fileTruncateFront(uint64_t count, const std::string& path
 
 ResultCode helperUtil::MakeDirectory(const std::string& path) {
   errno = 0;
-  if (mkdir(path.c_str(), 0777) == 0)
+  // Private: the folders of a run hold copies of files only root may read.
+  if (mkdir(path.c_str(), 0700) == 0)
     return 0;
   const int error = errno;
   KLOG_RC(LOG_LEVEL_E, "mkdir", static_cast<ResultCode>(error));

@@ -210,34 +210,6 @@ TEST(FileCopy, FifoSourceFailsWithoutBlocking) {
   EXPECT_FALSE(keeltest::PathExists(dir.Sub("out")));
 }
 
-TEST(FileCopy, WriteFailureStopsCopyAndIsLogged) {
-  keeltest::TempDir dir;
-  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("in"), Bytes(100000)));
-  const std::string source = dir.Sub("in");
-  const std::string destination = dir.Sub("out");
-  // A file size limit in a child makes every write beyond 10000 bytes fail.
-  const pid_t child = fork();
-  ASSERT_NE(-1, child);
-  if (child == 0) {
-    signal(SIGXFSZ, SIG_IGN);
-    const rlimit limit = {10000, 10000};
-    if (setrlimit(RLIMIT_FSIZE, &limit) != 0)
-      _exit(kSkipStatus);
-    keeltest::LogCapture log;
-    std::string errorText;
-    if (helperUtil::fileCopy(source, destination, errorText) != 0)
-      _exit(1);
-    _exit(Logged(log, LOG_LEVEL_E, "Failed to write file \"" + destination + "\"") ? 0 : 2);
-  }
-  int status = 0;
-  ASSERT_EQ(child, waitpid(child, &status, 0));
-  ASSERT_TRUE(WIFEXITED(status));
-  if (WEXITSTATUS(status) == kSkipStatus)
-    GTEST_SKIP() << "cannot limit the file size";
-  EXPECT_EQ(0, WEXITSTATUS(status));
-  EXPECT_LE(helperUtil::fileSize(destination.c_str()), 10000.0);
-}
-
 TEST(FileCopy, FolderTreeIsCopied) {
   keeltest::TempDir dir;
   ASSERT_TRUE(keeltest::WriteFile(dir.Sub("src/a.txt"), "A"));
@@ -892,6 +864,86 @@ TEST(FileDeleteDirectory, RegularFileIsAccessDeniedAndStays) {
   EXPECT_EQ(KEELENGINE_ERROR_ACCESS_DENIED, helperUtil::fileDeleteDirectory(dir.Sub("plain")));
   EXPECT_TRUE(Logged(log, LOG_LEVEL_E, "Return Code: 20 "));
   EXPECT_TRUE(keeltest::PathExists(dir.Sub("plain")));
+}
+
+TEST(FileDeleteDirectory, LinkToAFolderIsNotFollowed) {
+  // A link planted in place of a folder must not make the delete empty the
+  // folder it points to.
+  keeltest::TempDir dir;
+  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("victim/keep.txt"), "precious"));
+  ASSERT_EQ(0, symlink(dir.Sub("victim").c_str(), dir.Sub("link").c_str()));
+  keeltest::LogCapture log;
+  EXPECT_EQ(KEELENGINE_ERROR_ACCESS_DENIED, helperUtil::fileDeleteDirectory(dir.Sub("link")));
+  EXPECT_EQ(KEELENGINE_ERROR_ACCESS_DENIED, helperUtil::fileDeleteDirectory(dir.Sub("link/")));
+  EXPECT_EQ("precious", keeltest::ReadFile(dir.Sub("victim/keep.txt")));
+  EXPECT_TRUE(Logged(log, LOG_LEVEL_E, "it is a symbolic link"));
+}
+
+// ---- Private copies and write failures -------------------------------------------
+
+mode_t PermissionsOf(const std::string& path) {
+  struct stat info;
+  return lstat(path.c_str(), &info) == 0 ? (info.st_mode & 07777) : 0;
+}
+
+TEST(MakeDirectory, FolderIsPrivateUnderTheUsualUmask) {
+  keeltest::TempDir dir;
+  const int answer = keeltest::RunInChild([&] {
+    umask(022);
+    return helperUtil::MakeDirectory(dir.Sub("made")) == 0 ? 0 : 1;
+  });
+  ASSERT_EQ(0, answer);
+  EXPECT_EQ(0700u, PermissionsOf(dir.Sub("made")));
+}
+
+TEST(FileCopy, CopyIsPrivateWhateverTheSourceMode) {
+  keeltest::TempDir dir;
+  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("in"), "root only"));
+  ASSERT_EQ(0, chmod(dir.Sub("in").c_str(), 0644));
+  const int answer = keeltest::RunInChild([&] {
+    umask(022);
+    std::string errorText;
+    return helperUtil::fileCopy(dir.Sub("in"), dir.Sub("out"), errorText) == 0 ? 0 : 1;
+  });
+  ASSERT_EQ(0, answer);
+  EXPECT_EQ(0600u, PermissionsOf(dir.Sub("out")));
+  EXPECT_EQ("root only", keeltest::ReadFile(dir.Sub("out")));
+}
+
+TEST(FileCopy, CopyThatCannotBeWrittenWholeIsRemovedAndSaysWhy) {
+  // A file-size limit fails the writes past it as a full disk would.
+  keeltest::TempDir dir;
+  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("in"), std::string(100000, 'x')));
+  const std::string reported = dir.Sub("reported");
+  const int answer = keeltest::RunInChild([&] {
+    signal(SIGXFSZ, SIG_IGN);
+    struct rlimit limit = {8192, 8192};
+    if (setrlimit(RLIMIT_FSIZE, &limit) != 0)
+      return 3;
+    std::string errorText;
+    const ResultCode result = helperUtil::fileCopy(dir.Sub("in"), dir.Sub("out"), errorText);
+    limit.rlim_cur = limit.rlim_max;
+    FILE* file = fopen(reported.c_str(), "w");
+    if (file != nullptr) {
+      fputs(errorText.c_str(), file);
+      fclose(file);
+    }
+    return result == KEELENGINE_ERROR_WRITE_FAILURE ? 0 : 1;
+  });
+  EXPECT_EQ(0, answer);
+  EXPECT_EQ("File too large", keeltest::ReadFile(reported));
+  EXPECT_FALSE(keeltest::PathExists(dir.Sub("out")));
+}
+
+TEST(FileCopy, DestinationLinkIsReplacedNotFollowed) {
+  keeltest::TempDir dir;
+  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("in"), "new"));
+  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("victim"), "precious"));
+  ASSERT_EQ(0, symlink(dir.Sub("victim").c_str(), dir.Sub("out").c_str()));
+  std::string errorText;
+  EXPECT_EQ(0u, helperUtil::fileCopy(dir.Sub("in"), dir.Sub("out"), errorText));
+  EXPECT_EQ("precious", keeltest::ReadFile(dir.Sub("victim")));
+  EXPECT_EQ("new", keeltest::ReadFile(dir.Sub("out")));
 }
 
 // ---- fileTruncateEnd and fileTruncateFront ------------------------------------
