@@ -17,6 +17,7 @@
 #include "Common/IPC/event.h"
 #include "Common/Log/BoundedText.h"
 #include "Common/Log/Log.h"
+#include "Common/Utility/ChildProcess.h"
 #include "Common/Utility/sysutils.h"
 
 namespace {
@@ -33,12 +34,15 @@ std::string ErrnoText(int error) {
   return strerror_r(error, buffer, sizeof(buffer));
 }
 
-// waitpid that goes on after a signal interrupted it.
+// waitpid that goes on after a signal interrupted it. A child collected is
+// no longer one for the interrupt guard to end.
 pid_t WaitRestarting(pid_t pid, int* status, int options) {
   pid_t answer;
   do {
     answer = waitpid(pid, status, options);
   } while (answer < 0 && errno == EINTR);
+  if (answer > 0)
+    ReleaseChildProcess(answer);
   return answer;
 }
 
@@ -66,6 +70,7 @@ struct ChildPlan {
 // entries, exec. Never returns.
 [[noreturn]] void RunChild(const ProcessAttributes& attributes, ChildPlan& plan,
                            CUnixImpersonate& user) {
+  PrepareChildProcess();
   if (attributes.detached) {
     const pid_t grandchild = fork();
     if (grandchild < 0)
@@ -179,6 +184,7 @@ ResultCode CProcessApi::Launch(ProcessAttributes& attributes,
   }
   if (child == 0)
     RunChild(attributes, plan, user);
+  AdoptChildProcess(child);
 
   if (attributes.detached) {
     // The intermediate child ends at once; its child belongs to nobody.
@@ -210,7 +216,7 @@ ResultCode CProcessApi::WaitForProcess(int32_t pid, int32_t* exitCode, CCEvent* 
       if (getTickMillis() - m_waitStart >= timeoutMs)
         break;
       int polled = 0;
-      const pid_t answer = waitpid(pid, &polled, WNOHANG);
+      const pid_t answer = WaitRestarting(pid, &polled, WNOHANG);
       if (answer < 0) {
         KLOG_E("waitpid failed: %s", ErrnoText(errno).c_str());
         return PROCESS_API_ERROR_UNKNOWN;
@@ -242,7 +248,7 @@ ResultCode CProcessApi::WaitForProcess(int32_t pid, int32_t* exitCode, CCEvent* 
 
 ResultCode CProcessApi::PollProcess(int32_t pid) {
   int status = 0;
-  const pid_t answer = waitpid(pid, &status, WNOHANG);
+  const pid_t answer = WaitRestarting(pid, &status, WNOHANG);
   if (answer == 0)
     return 0;
   if (answer > 0)

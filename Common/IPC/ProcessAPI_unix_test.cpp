@@ -836,3 +836,48 @@ TEST(ProcessApiConcurrency, SeveralThreadsLaunchAndWaitAtOnce) {
 }
 
 }  // namespace
+
+// ---------------------------------------------------------------- Inheritance
+
+namespace {
+
+// Launches /bin/sh -c `script` (writing to `out`) from a child whose
+// standard input is an open pipe and which holds a pipe without
+// close-on-exec, and returns what the script wrote.
+std::string LaunchedWithOpenInputPipe(const std::string& script, const std::string& out) {
+  const int answer = RunInChild([&] {
+    int input[2];
+    int leaked[2];
+    if (pipe(input) != 0 || pipe(leaked) != 0)
+      return 3;
+    dup2(input[0], STDIN_FILENO);
+    ProcessAttributes attributes;
+    attributes.path = "/bin";
+    const std::string command = script + " > " + out;
+    const Outcome outcome = LaunchAndWait(attributes, {"sh", "-c", command.c_str()});
+    return outcome.launch == 0 && outcome.wait == 0 ? 0 : 1;
+  });
+  return answer == 0 ? keeltest::ReadFile(out) : "<failed>";
+}
+
+}  // namespace
+
+TEST(ProcessApiInheritance, ProgramReadsNothingFromTheToolsInput) {
+  keeltest::TempDir dir;
+  EXPECT_EQ("/dev/null\nread nothing\n",
+            LaunchedWithOpenInputPipe("{ readlink /proc/self/fd/0; cat; echo read nothing; }",
+                                      dir.Sub("out")));
+}
+
+TEST(ProcessApiInheritance, ProgramInheritsNoDescriptorOfTheTool) {
+  // ls holds its own listing open as descriptor 3.
+  keeltest::TempDir dir;
+  EXPECT_EQ("0\n1\n2\n3\n", LaunchedWithOpenInputPipe("ls /proc/self/fd", dir.Sub("out")));
+}
+
+TEST(ProcessApiInheritance, ProgramLeadsAProcessGroupOfItsOwn) {
+  keeltest::TempDir dir;
+  EXPECT_EQ("same\n", LaunchedWithOpenInputPipe(
+                          "{ [ \"$(cut -d' ' -f5 /proc/$$/stat)\" = $$ ] && echo same || echo other; }",
+                          dir.Sub("out")));
+}

@@ -1,12 +1,16 @@
 #include "Common/Utility/CommandShell.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <string.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <sstream>
 
 #include "Common/Log/Log.h"
+#include "Common/Utility/ChildProcess.h"
 #include "Common/Utility/sysutils.h"
 
 namespace {
@@ -27,27 +31,75 @@ std::string ErrnoText(int error) {
     KLOG_RC_DESC(LOG_LEVEL_E, invoked, static_cast<ResultCode>(saved), text.c_str()); \
   } while (0)
 
-// The read end of a popen'ed command; closing it collects the command.
+// A command run by /bin/sh -c, as popen would run it, with its standard
+// output on a pipe to us. Started here rather than by popen because the
+// child must not inherit the tool's standard input or descriptors, and must
+// lead a process group of its own (ChildProcess.h). Closing collects it.
 class CPipedCommand {
  public:
-  explicit CPipedCommand(const char* command) : m_file(popen(command, "r")) {}
+  explicit CPipedCommand(const char* command) { Start(command); }
   ~CPipedCommand() { Close(); }
   CPipedCommand(const CPipedCommand&) = delete;
   CPipedCommand& operator=(const CPipedCommand&) = delete;
 
   FILE* get() const { return m_file; }
-  // pclose once; a failure is only logged, it never changes a result.
+  // Collects the command once; a failure is only logged, it never changes
+  // a result.
   void Close() {
     if (m_file == nullptr)
       return;
-    const int status = pclose(m_file);
+    fclose(m_file);
     m_file = nullptr;
-    if (status == -1)
-      LOG_ERRNO_FAILURE("pclose", errno);
+    int status = 0;
+    pid_t answer;
+    do {
+      answer = waitpid(m_pid, &status, 0);
+    } while (answer < 0 && errno == EINTR);
+    if (answer < 0)
+      LOG_ERRNO_FAILURE("waitpid", errno);
+    ReleaseChildProcess(m_pid);
   }
 
  private:
-  FILE* m_file;
+  void Start(const char* command) {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0)
+      return;
+    const pid_t child = fork();
+    if (child < 0) {
+      const int error = errno;
+      close(ends[0]);
+      close(ends[1]);
+      errno = error;
+      return;
+    }
+    if (child == 0)
+      RunShell(command, ends[1]);
+    close(ends[1]);
+    AdoptChildProcess(child);
+    m_pid = child;
+    m_file = fdopen(ends[0], "r");
+    if (m_file == nullptr) {
+      close(ends[0]);
+      int status = 0;
+      waitpid(child, &status, 0);
+      ReleaseChildProcess(child);
+    }
+  }
+
+  // In the child: the pipe becomes standard output, then the shell.
+  [[noreturn]] static void RunShell(const char* command, int writeEnd) {
+    if (writeEnd == STDOUT_FILENO)
+      fcntl(writeEnd, F_SETFD, 0);
+    else
+      dup2(writeEnd, STDOUT_FILENO);
+    PrepareChildProcess();
+    execl("/bin/sh", "sh", "-c", command, static_cast<char*>(nullptr));
+    _exit(127);
+  }
+
+  FILE* m_file = nullptr;
+  pid_t m_pid = -1;
 };
 
 }  // namespace

@@ -44,7 +44,9 @@ class CCommandShell {
   const std::string& GetCommand() const { return m_command; }
 
  private:
-  // popen, copy the output in blocks of 1024 bytes, pclose.
+  // Runs /bin/sh -c `command` (standard input from /dev/null, no inherited
+  // descriptors, its own process group), copies its output in blocks of
+  // 1024 bytes, and collects it. A failure to start is logged as "popen".
   static ResultCode runInto(const char* command, std::ostream& output);
   static ResultCode runIntoLines(const char* command, std::vector<std::string>& lines);
   static void splitLines(const std::string& text, std::vector<std::string>& lines);

@@ -284,3 +284,50 @@ TEST(CCommandShellConcurrency, SeveralCommandsAtOnceKeepTheirOwnOutput) {
 }
 
 }  // namespace
+
+// ---- What the started command inherits ------------------------------------
+
+namespace {
+
+// Runs `command` in a child whose standard input is the read end of an open
+// pipe (as a tool started from a pipeline has) and which holds a pipe
+// without close-on-exec; returns the command's output, or "<failed>".
+std::string OutputWithOpenInputPipe(const std::string& command, const std::string& scratch) {
+  const int answer = keeltest::RunInChild([&] {
+    int input[2];
+    int leaked[2];
+    if (pipe(input) != 0 || pipe(leaked) != 0)
+      return 3;
+    dup2(input[0], STDIN_FILENO);
+    std::string output;
+    if (CCommandShell(command.c_str()).Execute(output) != 0)
+      return 1;
+    return keeltest::WriteFile(scratch, output) ? 0 : 2;
+  });
+  return answer == 0 ? keeltest::ReadFile(scratch) : "<failed>";
+}
+
+}  // namespace
+
+TEST(CCommandShell, CommandReadsNothingFromTheToolsInput) {
+  // `cat` would wait for ever on the open pipe; it must see /dev/null.
+  keeltest::TempDir dir;
+  EXPECT_EQ(
+      "/dev/null\nread nothing\n",
+      OutputWithOpenInputPipe("readlink /proc/self/fd/0; cat; echo read nothing", dir.Sub("out")));
+}
+
+TEST(CCommandShell, CommandInheritsNoDescriptorOfTheTool) {
+  // ls holds its own listing open as descriptor 3.
+  keeltest::TempDir dir;
+  EXPECT_EQ("0\n1\n2\n3\n", OutputWithOpenInputPipe("ls /proc/self/fd", dir.Sub("out")));
+}
+
+TEST(CCommandShell, CommandLeadsAProcessGroupOfItsOwn) {
+  std::string output;
+  ASSERT_EQ(0u, CCommandShell("echo $$; cut -d' ' -f5 /proc/$$/stat").Execute(output));
+  const size_t lineEnd = output.find('\n');
+  ASSERT_NE(std::string::npos, lineEnd) << output;
+  EXPECT_EQ(output.substr(0, lineEnd + 1), output.substr(lineEnd + 1));
+  EXPECT_NE(std::to_string(getpgrp()) + "\n", output.substr(0, lineEnd + 1));
+}

@@ -1,0 +1,41 @@
+#include "Common/Utility/ChildProcess.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "Common/Utility/InterruptGuard.h"
+
+namespace {
+
+// Where close_range is missing (kernels before 5.9), descriptors are closed
+// one by one up to this number.
+constexpr int kHighestClosedByHand = 4096;
+
+}  // namespace
+
+void PrepareChildProcess() {
+  setpgid(0, 0);
+  const int null = open("/dev/null", O_RDONLY);
+  if (null >= 0 && null != STDIN_FILENO) {
+    dup2(null, STDIN_FILENO);
+    close(null);
+  } else if (null < 0) {
+    // Nothing to read is better than the tool's own input.
+    close(STDIN_FILENO);
+  }
+  if (close_range(STDERR_FILENO + 1, ~0U, 0) != 0) {
+    for (int fd = STDERR_FILENO + 1; fd < kHighestClosedByHand; ++fd)
+      close(fd);
+  }
+}
+
+void AdoptChildProcess(pid_t child) {
+  // Fails harmlessly when the child has exec'ed already: it made the group
+  // itself by then.
+  setpgid(child, child);
+  CInterruptGuard::TrackProcess(child);
+}
+
+void ReleaseChildProcess(pid_t child) {
+  CInterruptGuard::ForgetProcess(child);
+}

@@ -1,0 +1,28 @@
+// What every program the tool starts gets, whichever way it is started.
+//
+// The tool runs as root beside a terminal or a pipe that is not the
+// programs' to read: a program that reads standard input would block the
+// run for ever, and one that inherited the tool's descriptors (pipes to
+// other programs, copies being written, the archive) could hold them open
+// or write into them. Each program also leads a process group of its own,
+// so that an interrupted run can end it together with everything it
+// started (CInterruptGuard).
+#ifndef COMMON_UTILITY_CHILDPROCESS_H_
+#define COMMON_UTILITY_CHILDPROCESS_H_
+
+#include <sys/types.h>
+
+// In the child, between fork and exec (async-signal-safe calls only): a
+// process group of its own, standard input from /dev/null, and every
+// descriptor above standard error closed.
+void PrepareChildProcess();
+
+// In the parent, right after fork: the same process group from this side
+// (whichever runs first, the group exists before exec), and the child
+// registered with the interrupt guard.
+void AdoptChildProcess(pid_t child);
+
+// In the parent, once the child has been collected.
+void ReleaseChildProcess(pid_t child);
+
+#endif  // COMMON_UTILITY_CHILDPROCESS_H_
