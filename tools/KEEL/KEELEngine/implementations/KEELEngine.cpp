@@ -9,9 +9,12 @@
 #include <boost/asio/thread_pool.hpp>
 
 #include "Common/Log/Log.h"
+#include "Common/Utility/InterruptGuard.h"
+#include "Common/Utility/ScopedHandles.h"
 #include "Common/Utility/Thread.h"
 #include "Common/Utility/sysutils.h"
 #include "Common/Zip/CZip.h"
+#include "tools/KEEL/KEELEngine/implementations/KEELWorkingFolder.h"
 #include "tools/KEEL/KEELEngine/implementations/collector.h"
 #include "tools/KEEL/KEELEngine/implementations/helperUtil.h"
 #include "tools/KEEL/KEELEngine/implementations/parser/KEELComponent.h"
@@ -33,6 +36,8 @@ void ReportProgress(int32_t percent, const char* message) {
 int IdTextAddress(const std::string& text) {
   return static_cast<int>(reinterpret_cast<intptr_t>(text.c_str()));
 }
+
+const char kSummaryWriteFailedText[] = "Internal Error: failed to write the bundle summary...";
 
 }  // namespace
 
@@ -60,12 +65,21 @@ KEELEngine::~KEELEngine() {
 }
 
 ResultCode KEELEngine::run() {
-  return clearMode ? clearLogs() : runCollectorThreads();
+  // Ctrl-C or a kill in the middle must not leave root's copies in /tmp, a
+  // half-written bundle, or programs running on; the guard cleans up and
+  // ends the process with 128 plus the signal number.
+  const bool guarded = CInterruptGuard::Install();
+  const ResultCode result = clearMode ? clearLogs() : runCollectorThreads();
+  if (guarded)
+    CInterruptGuard::Uninstall();
+  return result;
 }
 
 ResultCode KEELEngine::fail(ResultCode code, const std::string& message) {
   helperUtil::reportStatus(0, message, code);
-  helperUtil::fileDeleteDirectory(tempFolder);
+  // Only a folder this run made: the plain name may be another user's.
+  if (workingFolderOwner && !workingFolderOwner->path().empty())
+    helperUtil::fileDeleteDirectory(tempFolder);
   return code;
 }
 
@@ -110,21 +124,20 @@ void KEELEngine::loadConfigs() {
 }
 
 ResultCode KEELEngine::prepareWorkingFolder() {
-  const ResultCode cleared = helperUtil::fileDeleteDirectory(tempFolder);
-  if (cleared != 0) {
+  workingFolderOwner.reset(new KEELWorkingFolder(tempFolder));
+  const ResultCode cleared = workingFolderOwner->clearPlainName();
+  if (cleared != 0)
     KLOG_RC(LOG_LEVEL_W, "helperUtil::fileDeleteDirectory", cleared);
-    // A missing folder is reported as access denied, so an ordinary run
-    // takes a fresh name as well; only a folder that was there and could be
-    // deleted is worked in under the plain name.
-    if (cleared != KEELENGINE_ERROR_FILE_NOT_FOUND) {
-      tempFolder += "_" + getTimeNowString(1) + "_" + std::to_string(helperUtil::randomNumber());
-    }
-  }
-  const ResultCode made = helperUtil::MakeDirectory(tempFolder);
+  // A missing folder is reported as access denied, so an ordinary run takes
+  // a fresh name as well; only a folder that was there and could be deleted
+  // is worked in under the plain name.
+  const bool tryPlainName = cleared == 0 || cleared == KEELENGINE_ERROR_FILE_NOT_FOUND;
+  const ResultCode made = workingFolderOwner->make(tryPlainName);
   if (made != 0) {
     KLOG_RC(LOG_LEVEL_E, "helperUtil::MakeDirectory", made);
     return fail(made, "Internal Error: failed to create temporary working folder...");
   }
+  tempFolder = workingFolderOwner->path();
   return 0;
 }
 
@@ -153,6 +166,12 @@ ResultCode KEELEngine::runCollectorThreads() {
   collectAll(poolSize(static_cast<int>(std::thread::hardware_concurrency())));
 
   result = 0;
+  // A summary.txt with a part missing would tell its reader that files were
+  // not collected when they were, or the reverse: no bundle rather than that.
+  if (summaryWriteFailed) {
+    KLOG_E("summary.txt could not be written whole");
+    return fail(KEELENGINE_ERROR_WRITE_FAILURE, kSummaryWriteFailedText);
+  }
   // Bare counts are compared: one entry per unparsed file or failed group
   // against one per parsed config.
   if (!failedConfigs.empty() && failedConfigs.size() == configDocs.size()) {
@@ -162,6 +181,8 @@ ResultCode KEELEngine::runCollectorThreads() {
   const ResultCode written = writeFailedFilesToSummary(tempFolder + "/" + "summary.txt");
   if (written != 0)
     KLOG_RC(LOG_LEVEL_W, "KEELEngine::writeFailedFilesToSummary", written);
+  if (written == KEELENGINE_ERROR_WRITE_FAILURE)
+    return fail(KEELENGINE_ERROR_WRITE_FAILURE, kSummaryWriteFailedText);
 
   ReportProgress(96, "Zipping the bundle, please wait...");
   const std::string extension = helperUtil::splitAfterLast(bundlePath, ".");
@@ -206,6 +227,8 @@ void KEELEngine::collectLog(XMLObject* document, int32_t index, std::shared_ptr<
   const std::string startId = currentThreadIdText();
   KLOG_I("Thread %i Starting Collection", IdTextAddress(startId));
   const ResultCode result = job->Collect(tempFolder, document);
+  if (result == KEELENGINE_ERROR_WRITE_FAILURE)
+    summaryWriteFailed = true;
   if (result != 0) {
     std::list<KEELComponent*> groups;
     document->FindAll(document->GetRoot(), "fileGroup", groups);
@@ -230,33 +253,37 @@ std::list<std::string> KEELEngine::failedConfigList() {
 }
 
 ResultCode KEELEngine::writeFailedFilesToSummary(const std::string& path) {
-  FILE* file = fopen(path.c_str(), "a");
-  if (file == nullptr) {
+  FileHandle file(fopen(path.c_str(), "ae"));
+  if (!file) {
     KLOG_E("Could not open file \"%s\"", path.c_str());
     return KEELENGINE_ERROR_FILE_OPEN_FAILURE;
   }
   if (!failedConfigs.empty()) {
     static const std::string rule(100, '=');
-    fprintf(file, "\n%.*s\n", 100, rule.c_str());
-    fprintf(file, "KEELEngine failed to parse or use the following configuration files:\n");
+    fprintf(file.get(), "\n%.*s\n", 100, rule.c_str());
+    fprintf(file.get(), "KEELEngine failed to parse or use the following configuration files:\n");
     for (const std::string& name : failedConfigs)
-      fprintf(file, "%s\n", name.c_str());
+      fprintf(file.get(), "%s\n", name.c_str());
   }
   // The test reads the opposite of its heading, and is kept so: every run
   // without a request ends with the heading and nothing under it.
-  if (!unprocessedIds.empty()) {
-    fclose(file);
-    return 0;
+  if (unprocessedIds.empty()) {
+    fprintf(file.get(),
+            "\n\nNo instruction found in any config for the following file ID's from request:\n");
+    for (KEELComponent* entry : unprocessedIds) {
+      KEELAttribute* id = entry != nullptr ? entry->FindAttribute("id") : nullptr;
+      if (id == nullptr || id->GetValue() == "comments" || id->GetValue() == "summary")
+        continue;
+      fprintf(file.get(), "%s\n", id->GetValue().c_str());
+    }
   }
-  fprintf(file,
-          "\n\nNo instruction found in any config for the following file ID's from request:\n");
-  for (KEELComponent* entry : unprocessedIds) {
-    KEELAttribute* id = entry != nullptr ? entry->FindAttribute("id") : nullptr;
-    if (id == nullptr || id->GetValue() == "comments" || id->GetValue() == "summary")
-      continue;
-    fprintf(file, "%s\n", id->GetValue().c_str());
+  // A failed write leaves the stream's error flag set; the last of the text
+  // reaches the disk only when the stream is closed.
+  const bool failed = ferror(file.get()) != 0;
+  if (fclose(file.release()) != 0 || failed) {
+    KLOG_E("Could not write file \"%s\"", path.c_str());
+    return KEELENGINE_ERROR_WRITE_FAILURE;
   }
-  fclose(file);
   return 0;
 }
 

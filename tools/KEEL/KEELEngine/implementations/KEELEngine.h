@@ -10,11 +10,16 @@
 // it alive. It owns the parsed config documents, its loaders and the empty
 // request document. run() is called once, from the main thread; only
 // collectLog runs on pool threads, and it touches the failed list under
-// failedListLock, the done count atomically and the status channel under
-// the status lock.
+// failedListLock, the done count atomically, the status channel under the
+// status lock, and the summary-failure flag atomically.
+//
+// While run() works, SIGINT, SIGTERM and SIGHUP end the programs the run
+// started and remove its working folder and any unfinished bundle file
+// before the process exits (CInterruptGuard).
 #ifndef TOOLS_KEEL_KEELENGINE_IMPLEMENTATIONS_KEELENGINE_H_
 #define TOOLS_KEEL_KEELENGINE_IMPLEMENTATIONS_KEELENGINE_H_
 
+#include <atomic>
 #include <cstdint>
 #include <list>
 #include <memory>
@@ -28,6 +33,7 @@ class KEELComponent;
 class KEELXmlLoader;
 class XMLObject;
 class collector;
+class KEELWorkingFolder;
 
 class KEELEngine : public std::enable_shared_from_this<KEELEngine> {
  public:
@@ -68,7 +74,8 @@ class KEELEngine : public std::enable_shared_from_this<KEELEngine> {
   const std::string& bundleLocation() const { return bundlePath; }
 
  private:
-  // Reports `message`, deletes the working folder and returns `code`.
+  // Reports `message`, deletes the working folder if this run made one, and
+  // returns `code`.
   ResultCode fail(ResultCode code, const std::string& message);
   ResultCode loadRequest();
   void loadConfigs();
@@ -92,6 +99,10 @@ class KEELEngine : public std::enable_shared_from_this<KEELEngine> {
   bool includeSystemLogs;
   bool includeLegacyLogs;
   std::mutex failedListLock;
+  // The folder this run made and holds; null until made.
+  std::unique_ptr<KEELWorkingFolder> workingFolderOwner;
+  // Set by a job whose part of summary.txt could not be written whole.
+  std::atomic<bool> summaryWriteFailed{false};
 };
 
 #endif  // TOOLS_KEEL_KEELENGINE_IMPLEMENTATIONS_KEELENGINE_H_

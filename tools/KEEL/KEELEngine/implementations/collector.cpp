@@ -492,7 +492,7 @@ ResultCode collector::printSummary(XMLObject* config) {
     KLOG_E("pXMLObjectConfig is NULL");
     return KEELENGINE_ERROR_BAD_PARAMETER;
   }
-  FILE* file = fopen(summaryPath_.c_str(), "a");
+  FILE* file = fopen(summaryPath_.c_str(), "ae");
   if (file == nullptr) {
     KLOG_E("fopen failed to open file \"%s\"", summaryPath_.c_str());
     return KEELENGINE_ERROR_FILE_OPEN_FAILURE;
@@ -501,7 +501,14 @@ ResultCode collector::printSummary(XMLObject* config) {
   lister.noTruncate();
   std::call_once(g_summaryHeadOnce, [&] { writeHead(file); });
   writeSection(file, *config);
-  fclose(file);
+  // Every write above leaves the stream's error flag set when it fails (a
+  // full disk), and the last of the text reaches the disk only at the
+  // close: a summary with a part missing would mislead its reader.
+  const bool failed = ferror(file) != 0;
+  if (fclose(file) != 0 || failed) {
+    KLOG_E("Could not write file \"%s\"", summaryPath_.c_str());
+    return KEELENGINE_ERROR_WRITE_FAILURE;
+  }
   return 0;
 }
 
@@ -559,10 +566,10 @@ void collector::writeComponentRows(FILE* file, KEELComponent* parent, const char
   if (parent == nullptr)
     return;
   for (const auto& child : parent->GetChildren()) {
-    std::string id = child->GetName();
-    std::string name = child->GetValue();
-    std::string description = AttributeValue(child.get(), "description");
-    std::string last = AttributeValue(child.get(), lastAttribute);
+    ColumnText id{child->GetName()};
+    ColumnText name{child->GetValue()};
+    ColumnText description{AttributeValue(child.get(), "description")};
+    ColumnText last{AttributeValue(child.get(), lastAttribute)};
     // At least one row, also for four empty texts; more while any is left.
     do {
       const std::string lastPiece = nextPiece(last, lastWidth);
@@ -572,40 +579,48 @@ void collector::writeComponentRows(FILE* file, KEELComponent* parent, const char
       fprintf(file, kRowFormat, kIdWidth, kIdWidth, idPiece.c_str(), kNameWidth, kNameWidth,
               namePiece.c_str(), kDescriptionWidth, kDescriptionWidth, descriptionPiece.c_str(),
               lastWidth, lastWidth, lastPiece.c_str());
-    } while (!id.empty() || !name.empty() || !description.empty() || !last.empty());
+    } while (!id.done() || !name.done() || !description.done() || !last.done());
   }
 }
 
 std::string collector::nextPiece(std::string& text, size_t width) {
+  ColumnText column{text};
+  std::string piece = nextPiece(column, width);
+  text.erase(0, column.start);
+  return piece;
+}
+
+std::string collector::nextPiece(ColumnText& column, size_t width) {
+  // The rest of the text is never copied or moved, only `start` advances:
+  // the pieces of a text of any length cost time in proportion to it.
+  const std::string& text = column.text;
   auto isSpace = [](char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; };
-  if (text.empty())
+  auto skipBlanks = [&] {
+    while (column.start < text.size() && isSpace(text[column.start]))
+      ++column.start;
+  };
+  skipBlanks();
+  if (column.done())
     return std::string();
-  size_t start = 0;
-  while (start < text.size() && isSpace(text[start]))
-    ++start;
-  text.erase(0, start);
-  if (text.empty())
-    return std::string();
+  const size_t left = text.size() - column.start;
   std::string piece;
-  if (width >= text.size()) {
-    piece.swap(text);
+  if (width >= left) {
+    piece = text.substr(column.start);
+    column.start = text.size();
     return piece;
   }
   for (size_t i = width; i-- > 0;) {
-    if (isSpace(text[i])) {
+    if (isSpace(text[column.start + i])) {
       // Only that one blank is dropped.
-      piece = text.substr(0, i);
-      text.erase(0, i + 1);
+      piece = text.substr(column.start, i);
+      column.start += i + 1;
       return piece;
     }
   }
   // No blank to break at: one character fewer than the column holds.
   const size_t cut = width > 0 ? width - 1 : 0;
-  piece = text.substr(0, cut);
-  text.erase(0, cut);
-  start = 0;
-  while (start < text.size() && isSpace(text[start]))
-    ++start;
-  text.erase(0, start);
+  piece = text.substr(column.start, cut);
+  column.start += cut;
+  skipBlanks();
   return piece;
 }

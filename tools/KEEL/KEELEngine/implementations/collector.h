@@ -75,9 +75,19 @@ class collector {
   ResultCode initializeSummary();
   ResultCode fillInSummaryMainInfo();
   ResultCode writeSummary(const std::string& tempFolder, XMLObject* config);
+  // Appends this config's part to summary.txt. KEELENGINE_ERROR_WRITE_FAILURE
+  // when any of it could not be written (then the summary is incomplete).
   ResultCode printSummary(XMLObject* config);
-  // Cuts the next piece of at most `width` characters off the front of
-  // `text`, breaking at white space where it can.
+
+  // A text being cut into column pieces: the rest begins at `start`.
+  struct ColumnText {
+    std::string text;
+    size_t start = 0;
+    bool done() const { return start >= text.size(); }
+  };
+  // Cuts the next piece of at most `width` characters off the front of the
+  // text, breaking at white space where it can.
+  static std::string nextPiece(ColumnText& column, size_t width);
   static std::string nextPiece(std::string& text, size_t width);
 
   // The process-wide lock held for the whole of printSummary.

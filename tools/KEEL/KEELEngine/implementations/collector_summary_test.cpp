@@ -2,6 +2,8 @@
 // wrapping of long texts, whole files compared with stored ones, and the
 // sections of several collectors writing at once.
 #include <fcntl.h>
+#include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -360,6 +362,35 @@ TEST_F(CollectorSummary, CollectFailsWhenTheSummaryCannotBeOpened) {
   EXPECT_TRUE(Logged(log, LOG_LEVEL_E, "collector::writeSummary"));
   // The summary document stays until the collector goes.
   EXPECT_NE(nullptr, job->summaryDocument());
+}
+
+TEST_F(CollectorSummary, SummaryThatCannotBeWrittenWholeIsAWriteFailure) {
+  // A file-size limit fails the writes past it as a full disk would: the
+  // part of summary.txt that did not arrive must not pass unnoticed.
+  auto job = Started();
+  for (int row = 0; row < 200; ++row)
+    AddIncluded(*job, "id-" + std::to_string(row), "file.log", "a row", "10 bytes");
+  XMLObject* config = Parse(Config(""));
+  const int answer = keeltest::RunInChild([&] {
+    signal(SIGXFSZ, SIG_IGN);
+    struct rlimit limit = {4096, 4096};
+    if (setrlimit(RLIMIT_FSIZE, &limit) != 0)
+      return 3;
+    return job->writeSummary("work", config) == KEELENGINE_ERROR_WRITE_FAILURE ? 0 : 1;
+  });
+  EXPECT_EQ(0, answer);
+}
+
+TEST(CollectorColumns, PiecesOfALongTextAreThoseOfTheShortWay) {
+  // The running position gives exactly the pieces that cutting the front
+  // off the text each time gives.
+  std::string text;
+  for (int word = 0; word < 2000; ++word)
+    text += std::string(1 + word % 37, 'a' + word % 26) + (word % 5 == 0 ? "   " : " ");
+  collector::ColumnText column{text};
+  std::string rest = text;
+  while (!column.done() || !rest.empty())
+    ASSERT_EQ(collector::nextPiece(rest, 40), collector::nextPiece(column, 40));
 }
 
 TEST_F(CollectorSummary, WriteSummaryWithoutConfigFails) {
