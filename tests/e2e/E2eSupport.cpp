@@ -36,7 +36,7 @@ std::string IsolatedTreeBase() {
 IsolatedResult RunIsolated(const std::vector<std::string>& argv,
                            const std::vector<std::string>& env, const std::string& cwd,
                            const std::string& scratch, const std::string& prepare,
-                           const std::string& inspect) {
+                           const std::string& inspect, const std::string& tmpOptions) {
   std::string command;
   for (const std::string& arg : argv)
     command += " " + ShellQuote(arg);
@@ -51,8 +51,9 @@ IsolatedResult RunIsolated(const std::vector<std::string>& argv,
       // The folder of the test trees may itself lie below /tmp (a build in
       // a clone there): a descriptor held across the mount lets it be bound
       // back at its own path inside the fresh /tmp.
-      "exec 9< " + ShellQuote(IsolatedTreeBase()) + " || exit 89\n" +
-      "mount -t tmpfs tmpfs /tmp || exit 90\n"
+      "exec 9< " + ShellQuote(IsolatedTreeBase()) + " || exit 89\n" + "mount -t tmpfs " +
+      (tmpOptions.empty() ? std::string() : "-o " + ShellQuote(tmpOptions) + " ") +
+      "tmpfs /tmp || exit 90\n"
       "case " +
       ShellQuote(IsolatedTreeBase()) + " in /tmp/*) mkdir -p " + ShellQuote(IsolatedTreeBase()) +
       " && mount --no-canonicalize --bind /proc/self/fd/9 " + ShellQuote(IsolatedTreeBase()) +

@@ -35,11 +35,12 @@ struct IsolatedResult {
 // the sanitizer options of the caller). `prepare` is shell text run in the
 // namespace before the program, `inspect` after it (its output goes to
 // `scratch`/inspect.txt). `scratch` is a folder outside /tmp for the
-// captured streams.
+// captured streams. `tmpOptions` are mount options of the private /tmp
+// (e.g. "size=1m" for a /tmp that fills up).
 IsolatedResult RunIsolated(const std::vector<std::string>& argv,
                            const std::vector<std::string>& env, const std::string& cwd,
                            const std::string& scratch, const std::string& prepare = "",
-                           const std::string& inspect = "");
+                           const std::string& inspect = "", const std::string& tmpOptions = "");
 
 // The console line of a progress report: "\r", the message padded or cut to
 // 90 columns, a blank and the percentage.

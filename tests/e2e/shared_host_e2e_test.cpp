@@ -1,0 +1,339 @@
+// Bundle runs on a host shared with other users, tried as a hostile local
+// user (uid 65534) would, and runs that fail or are interrupted: the run
+// never adopts a folder or follows a link that user prepared, never lets
+// that user read root's copies, never passes a cut copy or summary off as
+// whole, and leaves nothing behind when a signal ends it. Each run is in a
+// private mount namespace (see E2eSupport.h).
+#include <sys/stat.h>
+#include <time.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "tests/e2e/E2eSupport.h"
+#include "tests/support/TestSupport.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using keeltest::IsolatedResult;
+using keeltest::ReadFile;
+using keeltest::ShellQuote;
+using keeltest::WriteFile;
+
+const char kFinished[] = "KEEL has finished... ";
+const char kNobody[] = "setpriv --reuid 65534 --regid 65534 --clear-groups ";
+
+// One file ID with the given actions for Linux.
+std::string FileInstruction(const std::string& id, const std::string& actions) {
+  return "<file id=\"" + id + "\"><description>" + id +
+         " files</description><default>true</default><keel><os opsys=\"linux\">" + actions +
+         "</os></keel></file>\n";
+}
+
+std::string CopyFile(const std::string& path) {
+  return "<file_copy_action><action><loc>" + path + "</loc></action></file_copy_action>";
+}
+
+std::string CopyFolder(const std::string& path) {
+  return "<directory_copy_action><action><loc>" + path +
+         "</loc><pattern>*</pattern></action></directory_copy_action>";
+}
+
+// A program started directly: `name` in `folder`, no output file.
+std::string Launch(const std::string& folder, const std::string& name) {
+  return "<use_extern_action><action><path>" + folder + "</path><args>" + name +
+         "</args></action></use_extern_action>";
+}
+
+// A command run by the shell with its output in `output` in the bundle.
+std::string Captured(const std::string& folder, const std::string& command,
+                     const std::string& output) {
+  return "<use_extern_action><action><path>" + folder + "</path><args>" + command +
+         "</args><temp_out>" + output + "</temp_out><stdout/></action></use_extern_action>";
+}
+
+std::string Config(const std::string& instructions) {
+  return "<?xml version=\"1.0\"?>\n<config><configure><title>Shared Host</title></configure>"
+         "<fileGroup treeRootName=\"Shared Host\"><title>Shared Host</title>\n" +
+         instructions + "</fileGroup></config>\n";
+}
+
+class SharedHostRun : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!keeltest::NamespacesAvailable())
+      GTEST_SKIP() << "private mount namespaces refused";
+    tree_.reset(new keeltest::TempDir(keeltest::IsolatedTreeBase()));
+    ASSERT_FALSE(tree_->path().empty());
+    // The other user must be able to reach what the tests let them try.
+    chmod(tree_->path().c_str(), 0755);
+    for (const char* folder : {"install/xml/config", "home", "work", "out", "scratch", "src"})
+      fs::create_directories(tree_->Sub(folder));
+    fs::copy_file(keeltest::BuildDir() + "/keelcli", tree_->Sub("install/keelcli"));
+    chmod(tree_->Sub("install/keelcli").c_str(), 0755);
+  }
+
+  std::string Src(const std::string& name) const { return tree_->Sub("src/" + name); }
+  std::string Keelcli() const { return tree_->Sub("install/keelcli"); }
+
+  void AddConfig(const std::string& instructions) {
+    ASSERT_TRUE(WriteFile(tree_->Sub("install/xml/config/shared.xml"), Config(instructions)));
+  }
+
+  void AddScript(const std::string& name, const std::string& body) {
+    ASSERT_TRUE(WriteFile(Src(name), "#!/bin/sh\n" + body + "\n"));
+    chmod(Src(name).c_str(), 0755);
+  }
+
+  IsolatedResult Run(const std::vector<std::string>& argv, const std::string& prepare = "",
+                     const std::string& inspect = "", const std::string& tmpOptions = "") {
+    return keeltest::RunIsolated(argv, {"HOME=" + tree_->Sub("home"), "USER=tester"},
+                                 tree_->Sub("work"), tree_->Sub("scratch"), prepare, inspect,
+                                 tmpOptions);
+  }
+
+  IsolatedResult Keel(const std::string& bundle, const std::string& prepare = "",
+                      const std::string& inspect = "", const std::string& tmpOptions = "") {
+    return Run({Keelcli(), "-dst", bundle}, prepare, inspect, tmpOptions);
+  }
+
+  std::string Inspect() const { return ReadFile(tree_->Sub("scratch/inspect.txt")); }
+
+  std::unique_ptr<keeltest::TempDir> tree_;
+};
+
+// The fresh names a run started within the next half minute would have
+// taken when the number came from rand() seeded with the clock, in local
+// time and in UTC (the namespace has no time zone file).
+std::vector<std::string> ClockPredictedNames() {
+  std::set<std::string> names;
+  const time_t now = time(nullptr);
+  for (time_t second = now - 2; second < now + 30; ++second) {
+    srand(static_cast<unsigned>(second));
+    const int number = rand() % 100000;
+    struct tm parts[2];
+    localtime_r(&second, &parts[0]);
+    gmtime_r(&second, &parts[1]);
+    for (const struct tm& when : parts) {
+      char name[96];
+      snprintf(name, sizeof(name), "/tmp/KEEL_Temp_Bundle__%02d%02d_%02d%02d_%d", when.tm_mon + 1,
+               when.tm_mday, when.tm_hour, when.tm_min, number);
+      names.insert(name);
+    }
+  }
+  return std::vector<std::string>(names.begin(), names.end());
+}
+
+TEST_F(SharedHostRun, FreshNamesPreparedByAnotherUserAreNeverAdopted) {
+  ASSERT_TRUE(WriteFile(Src("secret.log"), "root only\n"));
+  chmod(Src("secret.log").c_str(), 0600);
+  AddConfig(FileInstruction("secret", CopyFile(Src("secret.log"))));
+  // Every predicted name, half as a world-writable folder and half as a
+  // link to one, each holding a summary.txt link to a file of root's.
+  std::string prepare = "echo precious > /opt/victim.txt\n";
+  const std::vector<std::string> names = ClockPredictedNames();
+  for (size_t i = 0; i < names.size(); ++i) {
+    const std::string name = ShellQuote(names[i]);
+    if (i % 2 == 0) {
+      prepare += kNobody + std::string("mkdir -m 0777 ") + name + "\n";
+    } else {
+      const std::string trap = "/tmp/trap" + std::to_string(i);
+      prepare += kNobody + std::string("mkdir -m 0777 ") + trap + "\n" + kNobody + "ln -s " + trap +
+                 " " + name + "\n";
+      prepare += kNobody + std::string("ln -s /opt/victim.txt ") + trap + "/summary.txt\n";
+      continue;
+    }
+    prepare += kNobody + std::string("ln -s /opt/victim.txt ") + name + "/summary.txt\n";
+  }
+  const std::string bundle = tree_->Sub("out/b.zip");
+  const IsolatedResult run =
+      Keel(bundle, prepare,
+           "cat /opt/victim.txt; find /tmp/trap* /tmp/KEEL_Temp_Bundle_* -mindepth 1 "
+           "! -name summary.txt 2>/dev/null; true");
+  ASSERT_EQ(0, run.status) << run.err;
+  EXPECT_NE(std::string::npos, run.out.find(kFinished)) << run.out;
+  EXPECT_EQ("precious\n", Inspect());
+  EXPECT_EQ((std::vector<std::string>{"secret.log", "summary.txt"}),
+            keeltest::SortedZipEntryNames(bundle));
+}
+
+TEST_F(SharedHostRun, PlainNameLinkedToAFolderLeavesThatFolderAlone) {
+  ASSERT_TRUE(WriteFile(Src("a.log"), "alpha\n"));
+  AddConfig(FileInstruction("alpha", CopyFile(Src("a.log"))));
+  const std::string prepare =
+      "mkdir /opt/victim && echo precious > /opt/victim/keep.txt && echo more > "
+      "/opt/victim/more.txt\n" +
+      std::string(kNobody) + "ln -s /opt/victim /tmp/KEEL_Temp_Bundle\n";
+  const std::string bundle = tree_->Sub("out/b.zip");
+  const IsolatedResult run = Keel(bundle, prepare,
+                                  "cat /opt/victim/keep.txt /opt/victim/more.txt; "
+                                  "readlink /tmp/KEEL_Temp_Bundle");
+  ASSERT_EQ(0, run.status) << run.err;
+  EXPECT_NE(std::string::npos, run.out.find(kFinished)) << run.out;
+  EXPECT_EQ("precious\nmore\n/opt/victim\n", Inspect());
+  EXPECT_EQ((std::vector<std::string>{"a.log", "summary.txt"}),
+            keeltest::SortedZipEntryNames(bundle));
+}
+
+TEST_F(SharedHostRun, CopiesAndBundleStayUnreadableToOtherUsersDuringAndAfterTheRun) {
+  ASSERT_TRUE(WriteFile(Src("secret.log"), "root only\n"));
+  chmod(Src("secret.log").c_str(), 0600);
+  ASSERT_TRUE(WriteFile(Src("tree/sub/deep.log"), "deep\n"));
+  chmod(Src("tree/sub/deep.log").c_str(), 0600);
+  // Run by the tool in the middle of the run: tries, as the other user,
+  // every file in every working folder.
+  AddScript("probe.sh",
+            "for f in /tmp/KEEL_Temp_Bundle*/* /tmp/KEEL_Temp_Bundle*/*/*; do\n"
+            "  [ -f \"$f\" ] || continue\n"
+            "  echo \"seen $(basename \"$f\")\" >> /opt/probe.txt\n"
+            "  " +
+                std::string(kNobody) +
+                "cat \"$f\" > /dev/null 2>&1 && echo \"READ $f\" >> /opt/probe.txt\n"
+                "done\nexit 0");
+  AddConfig(FileInstruction("secret", CopyFile(Src("secret.log"))) +
+            FileInstruction("tree", CopyFolder(Src("tree"))) +
+            FileInstruction("probe", Launch(tree_->Sub("src"), "probe.sh")));
+  const IsolatedResult run =
+      Run({"/bin/sh", "-c", "umask 022; exec " + ShellQuote(Keelcli()) + " -dst /tmp/out/b.zip"},
+          "mkdir -m 0755 /tmp/out\n",
+          "cat /opt/probe.txt; stat -c %a /tmp/out/b.zip; " + std::string(kNobody) +
+              "cat /tmp/out/b.zip > /dev/null 2>&1 && echo READ BUNDLE; "
+              "for f in $(find /tmp/KEEL_Temp_Bundle* -type f); do " +
+              kNobody + "cat \"$f\" > /dev/null 2>&1 && echo \"READ LEFT $f\"; done; true");
+  ASSERT_EQ(0, run.status) << run.err;
+  EXPECT_NE(std::string::npos, run.out.find(kFinished)) << run.out;
+  // The probe saw the copies (so it ran during the run) and read none.
+  EXPECT_EQ("seen secret.log\nseen deep.log\n600\n", Inspect());
+}
+
+TEST_F(SharedHostRun, CopyThatFillsTmpIsOmittedWithTheSystemsWords) {
+  ASSERT_TRUE(WriteFile(Src("big.log"), std::string(3 << 20, 'b')));
+  ASSERT_TRUE(WriteFile(Src("small.log"), "small\n"));
+  AddConfig(FileInstruction("big", CopyFile(Src("big.log"))) +
+            FileInstruction("small", CopyFile(Src("small.log"))));
+  const std::string bundle = tree_->Sub("out/b.zip");
+  const IsolatedResult run = Keel(bundle, "", "", "size=1m");
+  ASSERT_EQ(0, run.status) << run.err;
+  EXPECT_NE(std::string::npos, run.out.find(kFinished)) << run.out;
+  EXPECT_EQ((std::vector<std::string>{"small.log", "summary.txt"}),
+            keeltest::SortedZipEntryNames(bundle));
+  const std::string summary = keeltest::ZipEntry(bundle, "summary.txt");
+  EXPECT_NE(std::string::npos, summary.find("Error occurred writing the copy: No space left on"))
+      << summary;
+  EXPECT_NE(std::string::npos,
+            summary.find("No instruction found in any config for the following file ID's"))
+      << summary;
+}
+
+TEST_F(SharedHostRun, SummaryThatCannotBeWrittenWholeGivesNoBundle) {
+  // Copies sized to leave /tmp with a little or no room: whatever the size,
+  // the run either makes a bundle whose summary is whole and whose copies
+  // are whole, or makes none and says so in one line.
+  ASSERT_TRUE(WriteFile(Src("small.log"), "small\n"));
+  int withoutBundle = 0;
+  for (int pagesLeft = 3; pagesLeft >= 0; --pagesLeft) {
+    const size_t size = (1u << 20) - static_cast<size_t>(pagesLeft) * 4096;
+    ASSERT_TRUE(WriteFile(Src("fill.log"), std::string(size, 'f')));
+    AddConfig(FileInstruction("fill", CopyFile(Src("fill.log"))) +
+              FileInstruction("small", CopyFile(Src("small.log"))));
+    const std::string bundle = tree_->Sub("out/b" + std::to_string(pagesLeft) + ".zip");
+    const IsolatedResult run = Keel(bundle, "", "", "size=1m");
+    ASSERT_EQ(0, run.status) << run.err;
+    if (keeltest::PathExists(bundle)) {
+      EXPECT_NE(std::string::npos, run.out.find(kFinished)) << run.out;
+      const std::string summary = keeltest::ZipEntry(bundle, "summary.txt");
+      EXPECT_NE(std::string::npos,
+                summary.find("No instruction found in any config for the following file ID's"))
+          << pagesLeft << summary;
+      for (const std::string& name : keeltest::SortedZipEntryNames(bundle)) {
+        if (name != "summary.txt") {
+          EXPECT_EQ(ReadFile(Src(name)), keeltest::ZipEntry(bundle, name)) << name;
+        }
+      }
+    } else {
+      ++withoutBundle;
+      EXPECT_EQ(std::string::npos, run.out.find(kFinished)) << run.out;
+      EXPECT_NE(std::string::npos,
+                run.out.find("\r\nInternal Error: failed to write the bundle summary...\r\n"))
+          << run.out;
+    }
+    EXPECT_EQ("", run.tmpListing);
+  }
+  EXPECT_GT(withoutBundle, 0) << "no size left the summary without room";
+}
+
+// Starts a run whose program sleeps, sends `signalName` to the tool once
+// the program has started, and reports what is left.
+class InterruptedRun : public SharedHostRun, public ::testing::WithParamInterface<const char*> {};
+
+TEST_P(InterruptedRun, EndsTheProgramsAndRemovesTheWorkingFolder) {
+  ASSERT_TRUE(WriteFile(Src("a.log"), "alpha\n"));
+  ASSERT_TRUE(WriteFile(Src("tree/sub/deep.log"), "deep\n"));
+  AddScript("slow.sh", "echo $$ > /opt/slow.pid\nexec sleep 30");
+  AddConfig(FileInstruction("alpha", CopyFile(Src("a.log"))) +
+            FileInstruction("tree", CopyFolder(Src("tree"))) +
+            FileInstruction("slow", Launch(tree_->Sub("src"), "slow.sh")));
+  const IsolatedResult run = Run(
+      {"timeout", "--preserve-status", "-s", GetParam(), "4", Keelcli(), "-dst", "/tmp/out/b.zip"},
+      "mkdir /tmp/out\n",
+      "test -s /opt/slow.pid && echo started; "
+      // A killed program may stay a zombie for a moment: that counts as ended.
+      "state=$(cut -d' ' -f3 /proc/$(cat /opt/slow.pid)/stat 2>/dev/null); "
+      "[ -n \"$state\" ] && [ \"$state\" != Z ] && echo program still runs; ls -A /tmp/out");
+  const int expected = 128 + (std::string(GetParam()) == "INT" ? 2 : 15);
+  EXPECT_EQ(expected, run.status) << run.out << run.err;
+  EXPECT_EQ("started\n", Inspect());
+  EXPECT_EQ("out\n", run.tmpListing);
+  EXPECT_EQ(std::string::npos, run.out.find(kFinished)) << run.out;
+}
+
+INSTANTIATE_TEST_SUITE_P(Signals, InterruptedRun, ::testing::Values("INT", "TERM"));
+
+TEST_F(SharedHostRun, ProgramsReadNothingFromTheToolsInput) {
+  AddScript("readin.sh", "read line; echo \"got [$line]\" > /opt/readin.txt");
+  AddConfig(FileInstruction("shell", Captured("/bin", "cat", "cat.txt")) +
+            FileInstruction("launch", Launch(tree_->Sub("src"), "readin.sh")));
+  const std::string bundle = tree_->Sub("out/b.zip");
+  // The tool's input is a pipe that stays open and never says anything.
+  const IsolatedResult run =
+      Run({"/bin/sh", "-c",
+           "mkfifo /tmp/in && exec 3<>/tmp/in && timeout 60 " + ShellQuote(Keelcli()) + " -dst " +
+               ShellQuote(bundle) + " <&3; s=$?; rm -f /tmp/in; exit $s"},
+          "", "cat /opt/readin.txt");
+  ASSERT_EQ(0, run.status) << run.out << run.err;
+  EXPECT_NE(std::string::npos, run.out.find(kFinished)) << run.out;
+  EXPECT_EQ("got []\n", Inspect());
+  EXPECT_EQ((std::vector<std::string>{"cat.txt", "summary.txt"}),
+            keeltest::SortedZipEntryNames(bundle));
+}
+
+TEST_F(SharedHostRun, TwoRunsStartedTogetherKeepTheirOwnFiles) {
+  ASSERT_TRUE(WriteFile(Src("a.log"), "alpha\n"));
+  ASSERT_TRUE(WriteFile(Src("b.log"), "beta\n"));
+  AddConfig(FileInstruction("alpha", CopyFile(Src("a.log"))));
+  fs::create_directories(tree_->Sub("second/xml/config"));
+  fs::copy_file(Keelcli(), tree_->Sub("second/keelcli"));
+  chmod(tree_->Sub("second/keelcli").c_str(), 0755);
+  ASSERT_TRUE(WriteFile(tree_->Sub("second/xml/config/shared.xml"),
+                        Config(FileInstruction("beta", CopyFile(Src("b.log"))))));
+  const std::string first = tree_->Sub("out/a.zip");
+  const std::string second = tree_->Sub("out/b.zip");
+  const IsolatedResult run = Run({"/bin/sh", "-c",
+                                  ShellQuote(Keelcli()) + " -dst " + ShellQuote(first) + " & " +
+                                      ShellQuote(tree_->Sub("second/keelcli")) + " -dst " +
+                                      ShellQuote(second) + " & wait"});
+  ASSERT_EQ(0, run.status) << run.err;
+  EXPECT_EQ((std::vector<std::string>{"a.log", "summary.txt"}),
+            keeltest::SortedZipEntryNames(first));
+  EXPECT_EQ((std::vector<std::string>{"b.log", "summary.txt"}),
+            keeltest::SortedZipEntryNames(second));
+}
+
+}  // namespace
