@@ -46,12 +46,14 @@ test-main:
 	cmake --build build -j $(JOBS)
 	ctest --test-dir build --output-on-failure -j $(JOBS) -E Slow
 
+# The package and fleet tests (label nosan) check packaging and playbooks,
+# not memory: they run once, in test-main.
 test-asan:
 	cmake -S . -B build-asan $(CMAKE_FLAGS) -DKEEL_WERROR=ON -DKEEL_BENCH=OFF \
 	  -DKEEL_SANITIZE=address,undefined
 	cmake --build build-asan -j $(JOBS)
 	ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
-	  ctest --test-dir build-asan --output-on-failure -j $(JOBS) -E Slow
+	  ctest --test-dir build-asan --output-on-failure -j $(JOBS) -E Slow -LE nosan
 
 # The tests that run threads at once, under ThreadSanitizer: only the test
 # programs that hold such suites are built.
