@@ -138,10 +138,11 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION "admin")
 set(CPACK_DEBIAN_PACKAGE_PRIORITY "optional")
 # Library dependencies come from the programs themselves, through
-# dpkg-shlibdeps; the shipped instructions run programs from these packages.
+# dpkg-shlibdeps. The shipped instructions run programs of the packages
+# below; a missing one only leaves its output out of the bundle.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "iproute2, systemd")
-set(CPACK_DEBIAN_PACKAGE_SUGGESTS "unzip")
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "iproute2, procps, systemd")
+set(CPACK_DEBIAN_PACKAGE_SUGGESTS "network-manager, systemd-resolved, wireguard-tools, unzip")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${keel_package_staging}/control/conffiles)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION TRUE)
 set(CPACK_STRIP_FILES TRUE)
