@@ -73,7 +73,11 @@ bool CEntryDeflater::pump(int flush, Totals* totals, const Sink& sink) {
     if (flush != Z_FINISH && stream->avail_in == 0)
       return true;
     if (stream->avail_out == 0) {
-      if (!sink(m_output.get(), kOutputSize, false, stream->data_type)) {
+      Piece piece;
+      piece.data = m_output.get();
+      piece.size = kOutputSize;
+      piece.dataType = stream->data_type;
+      if (!sink(piece)) {
         totals->stopped = true;
         return false;
       }
@@ -88,8 +92,13 @@ bool CEntryDeflater::pump(int flush, Totals* totals, const Sink& sink) {
       return false;
     }
   }
-  const size_t produced = kOutputSize - stream->avail_out;
-  if (!sink(m_output.get(), produced, true, stream->data_type)) {
+  Piece piece;
+  piece.data = m_output.get();
+  piece.size = kOutputSize - stream->avail_out;
+  piece.dataType = stream->data_type;
+  piece.last = true;
+  piece.totals = totals;
+  if (!sink(piece)) {
     totals->stopped = true;
     return false;
   }

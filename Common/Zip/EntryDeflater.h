@@ -51,12 +51,6 @@ class CEntryDeflater {
   // last of an entry.
   static constexpr size_t kOutputSize = 64 * 1024;
 
-  // Receives the compressed output of an entry piece by piece, in order;
-  // `last` marks the final piece (which may be empty). `dataType` is what
-  // zlib found the data to be (Z_TEXT or Z_BINARY); it is settled before
-  // the first byte of output. Returns false to stop the entry.
-  using Sink = std::function<bool(const unsigned char* data, size_t size, bool last, int dataType)>;
-
   // What went into one entry.
   struct Totals {
     uLong crc = 0;         // CRC-32 of the bytes read
@@ -64,6 +58,24 @@ class CEntryDeflater {
     int failure = Z_OK;    // a zlib failure, which spoils the entry
     bool stopped = false;  // the sink asked to stop
   };
+
+  // One piece of an entry's compressed output.
+  struct Piece {
+    const unsigned char* data = nullptr;
+    size_t size = 0;
+    // What zlib found the data to be (Z_TEXT or Z_BINARY); settled before
+    // the first byte of output.
+    int dataType = Z_BINARY;
+    // The entry's final piece, which may be empty; `totals` then holds the
+    // CRC and size of all the data, so that the end of an entry can be
+    // handed on in one go.
+    bool last = false;
+    const Totals* totals = nullptr;
+  };
+
+  // Receives the pieces of an entry in order. Returns false to stop the
+  // entry.
+  using Sink = std::function<bool(const Piece& piece)>;
 
   CEntryDeflater();
 

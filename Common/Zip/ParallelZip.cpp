@@ -19,7 +19,7 @@ constexpr uLong kFlagBase = 0;
 // Z_TEXT value, when zlib has found the data to be text.
 constexpr uLong kTextAttribute = Z_TEXT;
 
-using Piece = std::vector<unsigned char>;
+using Bytes = std::vector<unsigned char>;
 
 }  // namespace
 
@@ -38,7 +38,7 @@ struct CParallelZip::Slot {
   bool finished = false;  // every piece is queued; crc and size are set
   uLong crc = 0;
   ZPOS64_T size = 0;
-  std::deque<Piece> pieces;
+  std::deque<Bytes> pieces;
   size_t queued = 0;  // bytes of this entry counted in m_queued
 };
 
@@ -128,34 +128,22 @@ void CParallelZip::deflateInto(Slot* slot, CEntryDeflater* deflater) {
   slot->zip64 = CZip::isLargeFile(file) ? 1 : 0;
 
   const CEntryDeflater::Totals totals = deflater->deflateFile(
-      file, [this, slot](const unsigned char* data, size_t size, bool last, int dataType) {
-        return publish(slot, data, size, last, dataType);
-      });
-  if (totals.stopped)
-    return;
-  if (totals.failure != Z_OK) {
+      file, [this, slot](const CEntryDeflater::Piece& piece) { return publish(slot, piece); });
+  if (!totals.stopped && totals.failure != Z_OK) {
     KLOG_LIBRARY("deflate", totals.failure, "%s", file.c_str());
     stopWith(GLOBAL_ERROR_UNEXPECTED);
-    return;
   }
-  {
-    std::lock_guard<std::mutex> lock(m_lock);
-    slot->crc = totals.crc;
-    slot->size = totals.size;
-    slot->finished = true;
-  }
-  m_writerWake.notify_one();
 }
 
-bool CParallelZip::publish(Slot* slot, const unsigned char* data, size_t size, bool /*last*/,
-                           int dataType) {
-  Piece piece(data, data + size);
+bool CParallelZip::publish(Slot* slot, const CEntryDeflater::Piece& piece) {
+  Bytes bytes(piece.data, piece.data + piece.size);
   std::unique_lock<std::mutex> lock(m_lock);
   if (!slot->started) {
     // zlib settles the data type before its first output, and minizip
     // writes it into the entry's internal attributes.
-    slot->info.internal_fa = dataType == Z_TEXT ? kTextAttribute : 0;
+    slot->info.internal_fa = piece.dataType == Z_TEXT ? kTextAttribute : 0;
   }
+  const size_t size = piece.size;
   m_workersWake.wait(lock, [this, slot, size] {
     if (m_stop || size == 0)
       return true;
@@ -166,14 +154,24 @@ bool CParallelZip::publish(Slot* slot, const unsigned char* data, size_t size, b
   if (m_stop)
     return false;
   if (size > 0) {
-    slot->pieces.push_back(std::move(piece));
+    slot->pieces.push_back(std::move(bytes));
     slot->queued += size;
     m_queued += size;
     m_peakQueued = std::max(m_peakQueued, m_queued);
   }
   slot->started = true;
+  if (piece.last) {
+    // The end of the entry goes with its last piece, so that the writer
+    // wakes once for a small file.
+    slot->crc = piece.totals->crc;
+    slot->size = piece.totals->size;
+    slot->finished = true;
+  }
+  // Only the front entry is waited for.
+  const bool front = m_window.front().get() == slot;
   lock.unlock();
-  m_writerWake.notify_one();
+  if (front)
+    m_writerWake.notify_one();
   return true;
 }
 
@@ -219,7 +217,7 @@ ResultCode CParallelZip::writeFront(Slot* slot) {
   uLong crc = 0;
   ZPOS64_T size = 0;
   for (bool finished = false; !finished;) {
-    std::deque<Piece> pieces;
+    std::deque<Bytes> pieces;
     {
       std::unique_lock<std::mutex> lock(m_lock);
       m_writerWake.wait(lock,
@@ -232,7 +230,7 @@ ResultCode CParallelZip::writeFront(Slot* slot) {
       size = slot->size;
     }
     size_t taken = 0;
-    for (const Piece& piece : pieces) {
+    for (const Bytes& piece : pieces) {
       const int written =
           zipWriteInFileInZip(m_zip, piece.data(), static_cast<unsigned>(piece.size()));
       if (written < 0) {

@@ -44,6 +44,7 @@
 #include <vector>
 
 #include "Common/Result/ResultCode.h"
+#include "Common/Zip/EntryDeflater.h"
 
 // How much may wait between the workers and the writer.
 struct ParallelZipLimits {
@@ -87,9 +88,10 @@ class CParallelZip {
   // Takes the next file for a worker; null when there is none or the run
   // stops.
   Slot* claim();
-  void deflateInto(Slot* slot, class CEntryDeflater* deflater);
-  // Queues a piece of output of `slot`; false when the run stops.
-  bool publish(Slot* slot, const unsigned char* data, size_t size, bool last, int dataType);
+  void deflateInto(Slot* slot, CEntryDeflater* deflater);
+  // Queues a piece of output of `slot`, and with the last one its end;
+  // false when the run stops.
+  bool publish(Slot* slot, const CEntryDeflater::Piece& piece);
   void stopWith(ResultCode failure);
 
   // The writer's side.
