@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <time.h>
 
+#include <cctype>
 #include <cstdlib>
 #include <filesystem>
 #include <set>
@@ -63,6 +64,15 @@ std::string Config(const std::string& instructions) {
   return "<?xml version=\"1.0\"?>\n<config><configure><title>Shared Host</title></configure>"
          "<fileGroup treeRootName=\"Shared Host\"><title>Shared Host</title>\n" +
          instructions + "</fileGroup></config>\n";
+}
+
+std::string Squeezed(const std::string& text) {
+  std::string squeezed;
+  for (char c : text) {
+    if (!isspace(static_cast<unsigned char>(c)))
+      squeezed += c;
+  }
+  return squeezed;
 }
 
 class SharedHostRun : public ::testing::Test {
@@ -197,9 +207,10 @@ TEST_F(SharedHostRun, CopiesAndBundleStayUnreadableToOtherUsersDuringAndAfterThe
                 std::string(kNobody) +
                 "cat \"$f\" > /dev/null 2>&1 && echo \"READ $f\" >> /opt/probe.txt\n"
                 "done\nexit 0");
-  AddConfig(FileInstruction("secret", CopyFile(Src("secret.log"))) +
-            FileInstruction("tree", CopyFolder(Src("tree"))) +
-            FileInstruction("probe", Launch(tree_->Sub("src"), "probe.sh")));
+  // Instructions run in the order of their ids: the probe comes last.
+  AddConfig(FileInstruction("a-secret", CopyFile(Src("secret.log"))) +
+            FileInstruction("b-tree", CopyFolder(Src("tree"))) +
+            FileInstruction("c-probe", Launch(tree_->Sub("src"), "probe.sh")));
   const IsolatedResult run =
       Run({"/bin/sh", "-c", "umask 022; exec " + ShellQuote(Keelcli()) + " -dst /tmp/out/b.zip"},
           "mkdir -m 0755 /tmp/out\n",
@@ -224,8 +235,12 @@ TEST_F(SharedHostRun, CopyThatFillsTmpIsOmittedWithTheSystemsWords) {
   EXPECT_NE(std::string::npos, run.out.find(kFinished)) << run.out;
   EXPECT_EQ((std::vector<std::string>{"small.log", "summary.txt"}),
             keeltest::SortedZipEntryNames(bundle));
+  // The reason is wrapped over the rows of its column; without the white
+  // space it reads as one.
   const std::string summary = keeltest::ZipEntry(bundle, "summary.txt");
-  EXPECT_NE(std::string::npos, summary.find("Error occurred writing the copy: No space left on"))
+  EXPECT_NE(std::string::npos,
+            Squeezed(summary).find(Squeezed(
+                Src("big.log") + " Error occurred writing the copy: No space left on device")))
       << summary;
   EXPECT_NE(std::string::npos,
             summary.find("No instruction found in any config for the following file ID's"))
@@ -277,9 +292,10 @@ TEST_P(InterruptedRun, EndsTheProgramsAndRemovesTheWorkingFolder) {
   ASSERT_TRUE(WriteFile(Src("a.log"), "alpha\n"));
   ASSERT_TRUE(WriteFile(Src("tree/sub/deep.log"), "deep\n"));
   AddScript("slow.sh", "echo $$ > /opt/slow.pid\nexec sleep 30");
-  AddConfig(FileInstruction("alpha", CopyFile(Src("a.log"))) +
-            FileInstruction("tree", CopyFolder(Src("tree"))) +
-            FileInstruction("slow", Launch(tree_->Sub("src"), "slow.sh")));
+  // The copies, a sub-folder among them, are made before the program starts.
+  AddConfig(FileInstruction("a-alpha", CopyFile(Src("a.log"))) +
+            FileInstruction("b-tree", CopyFolder(Src("tree"))) +
+            FileInstruction("c-slow", Launch(tree_->Sub("src"), "slow.sh")));
   const IsolatedResult run = Run(
       {"timeout", "--preserve-status", "-s", GetParam(), "4", Keelcli(), "-dst", "/tmp/out/b.zip"},
       "mkdir /tmp/out\n",

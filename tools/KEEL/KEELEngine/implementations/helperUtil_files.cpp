@@ -427,7 +427,16 @@ ResultCode CutThroughScratch(uint64_t count, const char* path, CutBytes cut) {
     KLOG_E("Failed to open \"%s\"", path);
     return KEELENGINE_ERROR_FILE_OPEN_FAILURE;
   }
-  std::ofstream out(kScratchFile, std::ios::binary | std::ios::trunc);
+  // The current folder may be /tmp: a name another user placed there (a
+  // link to a file of root's, or a file of theirs to read the bytes from)
+  // is removed, and the scratch file made anew, private and exclusively.
+  unlink(kScratchFile);
+  const int made = open(kScratchFile, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+  if (made >= 0)
+    close(made);
+  std::ofstream out;
+  if (made >= 0)
+    out.open(kScratchFile, std::ios::binary | std::ios::trunc);
   if (!out.is_open()) {
     KLOG_E("Failed to open \"%s\"", kScratchFile);
     return KEELENGINE_ERROR_FILE_OPEN_FAILURE;

@@ -946,6 +946,20 @@ TEST(FileCopy, DestinationLinkIsReplacedNotFollowed) {
   EXPECT_EQ("new", keeltest::ReadFile(dir.Sub("out")));
 }
 
+TEST(FileTruncate, ScratchNamePlantedAsALinkIsNotFollowed) {
+  // Run from /tmp, the scratch name could be a link another user placed.
+  keeltest::TempDir dir;
+  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("victim"), "precious"));
+  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("log"), "0123456789"));
+  ASSERT_EQ(0, symlink(dir.Sub("victim").c_str(), dir.Sub("temp_out.txt").c_str()));
+  keeltest::ScopedCwd cwd(dir.path());
+  ASSERT_TRUE(cwd.ok());
+  EXPECT_EQ(0u, helperUtil::fileTruncateEnd(4, dir.Sub("log")));
+  EXPECT_EQ("precious", keeltest::ReadFile(dir.Sub("victim")));
+  EXPECT_EQ("0123", keeltest::ReadFile(dir.Sub("log")));
+  EXPECT_EQ(0600u, PermissionsOf(dir.Sub("temp_out.txt")));
+}
+
 // ---- fileTruncateEnd and fileTruncateFront ------------------------------------
 
 class FileTruncate : public testing::Test {
