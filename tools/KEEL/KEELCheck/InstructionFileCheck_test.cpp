@@ -120,6 +120,7 @@ TEST_F(FileFindings, ReferencesWithoutBlanksBesideThemAreFine) {
                  "<args>timeout --kill-after=5 10 uname -a 2&gt;&amp;1</args>\n"
                  "<temp_out>s.txt</temp_out><stdout/></action></use_extern_action>")));
   EXPECT_THAT(run.lines, ElementsAre());
+  EXPECT_EQ(run.status, keelcheck::kExitClean);
 }
 
 TEST_F(FileFindings, ElementNameCloseToOneTheToolReads) {
@@ -179,6 +180,7 @@ TEST_F(FileFindings, FlagAttributeOtherThanTrueOrFalse) {
   EXPECT_THAT(run.lines, ElementsAre("a.xml:8:1: warning: gather_newest=\"TRUE\" on <loc> is not "
                                      "\"true\", so the tool takes it as false; write true or "
                                      "false"));
+  EXPECT_EQ(run.status, keelcheck::kExitFindings);
 }
 
 TEST_F(FileFindings, FileWithNoBlockForThisSystem) {
@@ -198,6 +200,7 @@ TEST_F(FileFindings, OpsysInTheWrongCaseNamesNoSystem) {
                           "block, so nothing is gathered for it on this system; add one",
                           "a.xml:7:1: warning: opsys=\"Linux\" names no system the tool knows, so "
                           "this block never runs; write linux, mac or win"));
+  EXPECT_EQ(run.status, keelcheck::kExitFindings);
 }
 
 TEST_F(FileFindings, SecondBlockForThisSystemIsNeverUsed) {
@@ -207,6 +210,7 @@ TEST_F(FileFindings, SecondBlockForThisSystemIsNeverUsed) {
   EXPECT_THAT(run.lines, ElementsAre("a.xml:8:1: warning: a second <os opsys=\"linux\"> is never "
                                      "used: only the first one runs; move its actions into the "
                                      "first"));
+  EXPECT_EQ(run.status, keelcheck::kExitFindings);
 }
 
 TEST_F(FileFindings, LaunchFormWithAFolderInTheFirstWordRunsADoubledPath) {
@@ -240,6 +244,7 @@ TEST_F(FileFindings, LaunchFormWithoutPathRunsFromTheRootFolder) {
   EXPECT_THAT(run.lines, ElementsAre("a.xml:8:1: warning: with no <path> the program runs as "
                                      "\"/timeout\", from the root folder; give its folder in "
                                      "<path>"));
+  EXPECT_EQ(run.status, keelcheck::kExitFindings);
 }
 
 TEST_F(FileFindings, UserUnderReplaceArgsNeverRuns) {
@@ -265,6 +270,18 @@ TEST_F(FileFindings, VariableNotSetInTheEnvironment) {
   EXPECT_EQ(run.status, keelcheck::kExitFindings);
 }
 
+TEST_F(FileFindings, VariableThatNamesItselfNeverEnds) {
+  setenv("KEELCHECK_TEST_LOOP", "$KEELCHECK_TEST_LOOP/x", 1);
+  const CheckRun run = Check(OneInstruction(
+      LinuxBlock("<file_copy_action><action>\n<loc>$KEELCHECK_TEST_LOOP/*.log</loc>\n"
+                 "</action></file_copy_action>")));
+  unsetenv("KEELCHECK_TEST_LOOP");
+  EXPECT_THAT(run.lines, ElementsAre("a.xml:8:1: warning: $KEELCHECK_TEST_LOOP/ in <loc> expands "
+                                     "into variables again and again, so the tool never finishes "
+                                     "it; change the value of KEELCHECK_TEST_LOOP"));
+  EXPECT_EQ(run.status, keelcheck::kExitFindings);
+}
+
 TEST_F(FileFindings, VariableSetInTheEnvironmentIsFine) {
   setenv("KEELCHECK_TEST_SET", "/var/log", 1);
   const CheckRun run = Check(
@@ -272,6 +289,7 @@ TEST_F(FileFindings, VariableSetInTheEnvironmentIsFine) {
                                 "</action></file_copy_action>")));
   unsetenv("KEELCHECK_TEST_SET");
   EXPECT_THAT(run.lines, ElementsAre());
+  EXPECT_EQ(run.status, keelcheck::kExitClean);
 }
 
 TEST_F(FileFindings, EmptyLoc) {
@@ -347,6 +365,7 @@ TEST_F(FileFindings, SameIdInTwoGroupsIsFine) {
   const CheckRun run = Check("<cfg>\n<fileGroup>" + instruction + "</fileGroup>\n<fileGroup>" +
                              instruction + "</fileGroup>\n</cfg>\n");
   EXPECT_THAT(run.lines, ElementsAre());
+  EXPECT_EQ(run.status, keelcheck::kExitClean);
 }
 
 TEST_F(FileFindings, FileThatOthersCanWrite) {
@@ -391,6 +410,7 @@ TEST_F(FileFindings, StickyDropInFolderIsStillOpenToNewFiles) {
   ASSERT_EQ(run.lines.size(), 1u);
   EXPECT_THAT(run.lines[0], HasSubstr("conf/a.xml:1:1: warning: the folder "));
   EXPECT_THAT(run.lines[0], HasSubstr("conf/ can be changed by every user"));
+  EXPECT_EQ(run.status, keelcheck::kExitFindings);
 }
 
 TEST_F(FileFindings, FolderGivesTheFindingsOfEachFile) {
