@@ -24,6 +24,10 @@ namespace keelcheck {
 
 namespace {
 
+// Each refused child costs a parse of a fresh copy of the action; past this
+// many, the action is reported as refused and left there.
+constexpr size_t kMaxRefusedChildren = 32;
+
 // Elements of use_extern_action that must hold text only.
 const std::set<std::string>& LeafOnlyNames() {
   static const std::set<std::string> names = {"path", "plugin",     "regis",   "regis64",
@@ -140,6 +144,8 @@ void CheckDirectoryCopy(CheckContext& context, const KEELComponent* action) {
                                "whole action; " +
                                NameHint(foreign->GetName(), Place::kDirectoryAction));
     leftOut.insert(foreign);
+    if (leftOut.size() >= kMaxRefusedChildren)
+      return;
   }
   if (attributes.loc.empty())
     WarnEmptyLoc(context, action);
@@ -267,6 +273,8 @@ bool ParseExternal(CheckContext& context, const KEELComponent* action, bool isAd
                                  NameHint(refused->GetName(), Place::kExternalAction));
     }
     leftOut.insert(refused);
+    if (leftOut.size() >= kMaxRefusedChildren)
+      return false;
   }
 }
 

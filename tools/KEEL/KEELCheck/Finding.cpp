@@ -9,6 +9,17 @@ std::string FormatFinding(const Finding& finding) {
          ": " + (finding.severity == Severity::kError ? "error" : "warning") + ": " + finding.text;
 }
 
+std::string OneLine(const std::string& message) {
+  std::string line = message;
+  while (!line.empty() && (line.back() == '\n' || line.back() == '\r' || line.back() == ' '))
+    line.pop_back();
+  for (char& c : line) {
+    if (c == '\n' || c == '\r')
+      c = ' ';
+  }
+  return line;
+}
+
 void SortByPlace(FindingList& findings) {
   std::stable_sort(findings.begin(), findings.end(), [](const Finding& a, const Finding& b) {
     return a.line != b.line ? a.line < b.line : a.column < b.column;

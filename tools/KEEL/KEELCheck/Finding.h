@@ -32,6 +32,10 @@ typedef std::vector<Finding> FindingList;
 // "FILE:LINE:COLUMN: error|warning: text", without a line end.
 std::string FormatFinding(const Finding& finding);
 
+// A message of libxml2's as one line: line breaks inside become blanks,
+// those at the end go.
+std::string OneLine(const std::string& message);
+
 // Orders the findings of one file by line and column, keeping the order of
 // equal places.
 void SortByPlace(FindingList& findings);

@@ -8,6 +8,7 @@
 #include <memory>
 #include <set>
 
+#include "tools/KEEL/KEELCheck/Finding.h"
 #include "tools/KEEL/KEELCheck/SourceMap.h"
 
 // Generated at build time from xml/schema/keel-instructions.rng.
@@ -100,9 +101,7 @@ struct Report {
 void CollectReport(void* data, xmlErrorPtr error) {
   if (error == nullptr)
     return;
-  std::string message = error->message != nullptr ? error->message : "";
-  while (!message.empty() && (message.back() == '\n' || message.back() == ' '))
-    message.pop_back();
+  const std::string message = OneLine(error->message != nullptr ? error->message : "");
   static_cast<std::vector<Report>*>(data)->push_back(
       {static_cast<xmlNodePtr>(error->node), error->line, message});
 }

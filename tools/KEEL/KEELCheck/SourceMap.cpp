@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "Common/Utility/ScopedHandles.h"
+#include "tools/KEEL/KEELCheck/Finding.h"
 
 namespace keelcheck {
 
@@ -70,10 +71,7 @@ struct SourceMapEvents {
     const xmlError& last = parser->lastError;
     map->m_error.line = last.line > 0 ? last.line : 1;
     map->m_error.column = last.int2 > 0 ? last.int2 : 1;
-    std::string message = last.message != nullptr ? last.message : "not well-formed";
-    while (!message.empty() && (message.back() == '\n' || message.back() == ' '))
-      message.pop_back();
-    map->m_error.message = message;
+    map->m_error.message = OneLine(last.message != nullptr ? last.message : "not well-formed");
   }
 
   // Warnings change nothing in the parse; they are kept off the console.

@@ -58,6 +58,13 @@ TEST_F(SourceMapRead, NotWellFormedGivesLibxml2sFirstReport) {
   EXPECT_EQ(m_map.error().message, "Opening and ending tag mismatch: a line 0 and r");
 }
 
+TEST_F(SourceMapRead, MessageOfSeveralLinesBecomesOne) {
+  EXPECT_FALSE(Read("<?xml version=\"1.0\"?>\n<r>\xbe</r>\n"));
+  EXPECT_EQ(m_map.error().line, 2);
+  EXPECT_EQ(m_map.error().message,
+            "Input is not proper UTF-8, indicate encoding ! Bytes: 0xBE 0x3C 0x2F 0x72");
+}
+
 TEST_F(SourceMapRead, EmptyFileAndFolderCannotBeRead) {
   EXPECT_FALSE(Read(""));
   EXPECT_EQ(m_map.error().message, "Document is empty");
