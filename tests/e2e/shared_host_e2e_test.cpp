@@ -333,12 +333,16 @@ TEST_F(SharedHostRun, ProgramsReadNothingFromTheToolsInput) {
 TEST_F(SharedHostRun, TwoRunsStartedTogetherKeepTheirOwnFiles) {
   ASSERT_TRUE(WriteFile(Src("a.log"), "alpha\n"));
   ASSERT_TRUE(WriteFile(Src("b.log"), "beta\n"));
-  AddConfig(FileInstruction("alpha", CopyFile(Src("a.log"))));
+  // Each run holds its copy in its working folder for a second, so that
+  // the two runs are at work together.
+  AddScript("pause.sh", "sleep 1");
+  const std::string pause = FileInstruction("b-pause", Launch(tree_->Sub("src"), "pause.sh"));
+  AddConfig(FileInstruction("a-alpha", CopyFile(Src("a.log"))) + pause);
   fs::create_directories(tree_->Sub("second/xml/config"));
   fs::copy_file(Keelcli(), tree_->Sub("second/keelcli"));
   chmod(tree_->Sub("second/keelcli").c_str(), 0755);
   ASSERT_TRUE(WriteFile(tree_->Sub("second/xml/config/shared.xml"),
-                        Config(FileInstruction("beta", CopyFile(Src("b.log"))))));
+                        Config(FileInstruction("a-beta", CopyFile(Src("b.log"))) + pause)));
   const std::string first = tree_->Sub("out/a.zip");
   const std::string second = tree_->Sub("out/b.zip");
   const IsolatedResult run = Run({"/bin/sh", "-c",
