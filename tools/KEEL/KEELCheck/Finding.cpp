@@ -5,8 +5,19 @@
 namespace keelcheck {
 
 std::string FormatFinding(const Finding& finding) {
+  // Names and words quoted from a file may hold line breaks; a finding
+  // stays one line all the same.
+  std::string text;
+  for (char c : finding.text) {
+    if (c == '\n')
+      text += "\\n";
+    else if (c == '\r')
+      text += "\\r";
+    else
+      text += c;
+  }
   return finding.file + ":" + std::to_string(finding.line) + ":" + std::to_string(finding.column) +
-         ": " + (finding.severity == Severity::kError ? "error" : "warning") + ": " + finding.text;
+         ": " + (finding.severity == Severity::kError ? "error" : "warning") + ": " + text;
 }
 
 std::string OneLine(const std::string& message) {

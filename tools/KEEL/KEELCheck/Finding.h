@@ -29,7 +29,8 @@ struct Finding {
 
 typedef std::vector<Finding> FindingList;
 
-// "FILE:LINE:COLUMN: error|warning: text", without a line end.
+// "FILE:LINE:COLUMN: error|warning: text", without a line end; a line
+// break inside the text is written as \n or \r.
 std::string FormatFinding(const Finding& finding);
 
 // A message of libxml2's as one line: line breaks inside become blanks,
