@@ -327,6 +327,9 @@ def command_run(scenario, work, keelcli):
         return SKIP
     runs, facts = SCENARIOS[scenario](work, os.path.abspath(keelcli))
     write(os.path.join(work, "plan.json"), json.dumps({"runs": runs, "facts": facts}))
+    # The source tree may lie below /tmp (a clone there), which the private
+    # /tmp hides: the playbooks go along in WORK.
+    shutil.copytree(PLAYBOOK_DIR, os.path.join(work, "playbooks"))
     status = subprocess.run(["unshare", "-m", sys.executable, os.path.abspath(__file__),
                              "inside", work], stdin=subprocess.DEVNULL, check=False).returncode
     expect(status == 0, f"the run in the private namespace ended with {status}")
@@ -367,7 +370,7 @@ def inside_namespace(work):
         os.makedirs(result)
         started = datetime.datetime.now()
         status = run_tool(["ansible-playbook", "-i", os.path.join(work, "inventory.ini")]
-                          + [os.path.join(PLAYBOOK_DIR, arguments[0])] + arguments[1:]
+                          + [os.path.join(work, "playbooks", arguments[0])] + arguments[1:]
                           + ["-e", "ansible_become=false"],
                           env, controller, os.path.join(result, "output.txt"))
         ended = datetime.datetime.now()

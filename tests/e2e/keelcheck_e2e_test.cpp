@@ -44,9 +44,16 @@ class KeelcheckRun : public ::testing::Test {
       GTEST_SKIP() << "private mount namespaces refused";
     tree_.reset(new keeltest::TempDir(keeltest::IsolatedTreeBase()));
     ASSERT_FALSE(tree_->path().empty());
-    for (const char* folder : {"in", "work", "scratch"})
+    for (const char* folder : {"in", "work", "scratch", "bin/xml/config"})
       fs::create_directories(tree_->Sub(folder));
+    // The build folder may lie below /tmp, which the namespace hides: the
+    // program and the shipped files go along in the tree.
+    fs::copy_file(keeltest::BuildDir() + "/keelcheck", Program());
+    for (const auto& entry : fs::directory_iterator(keeltest::BuildDir() + "/xml/config"))
+      fs::copy_file(entry.path(), tree_->Sub("bin/xml/config/" + entry.path().filename().string()));
   }
+
+  std::string Program() const { return tree_->Sub("bin/keelcheck"); }
 
   void AddFile(const std::string& name, const std::string& text) {
     ASSERT_TRUE(WriteFile(tree_->Sub("in/" + name), text));
@@ -62,7 +69,7 @@ class KeelcheckRun : public ::testing::Test {
   }
 
   IsolatedResult Keelcheck(const std::vector<std::string>& args) {
-    std::vector<std::string> argv{keeltest::BuildDir() + "/keelcheck"};
+    std::vector<std::string> argv{Program()};
     argv.insert(argv.end(), args.begin(), args.end());
     return Run(argv);
   }
@@ -71,10 +78,9 @@ class KeelcheckRun : public ::testing::Test {
   // as the package does, and links the program from /tmp/bin.
   std::string InstallShippedSet() const {
     return std::string("mkdir -p ") + kInstallRoot + "/xml/config /tmp/bin && cp " +
-           ShellQuote(keeltest::BuildDir() + "/keelcheck") + " " + kInstallRoot +
-           "/keelcheck && cp " + ShellQuote(keeltest::BuildDir() + "/xml/config") + "/*.xml " +
-           kInstallRoot + "/xml/config/ && ln -s " + kInstallRoot +
-           "/keelcheck /tmp/bin/keelcheck\n";
+           ShellQuote(Program()) + " " + kInstallRoot + "/keelcheck && cp " +
+           ShellQuote(tree_->Sub("bin/xml/config")) + "/*.xml " + kInstallRoot +
+           "/xml/config/ && ln -s " + kInstallRoot + "/keelcheck /tmp/bin/keelcheck\n";
   }
 
   std::string Inspect() const { return ReadFile(tree_->Sub("scratch/inspect.txt")); }
@@ -184,8 +190,7 @@ TEST_F(KeelcheckRun, PlanShowsWhatARunWouldTakeAndRunsNothing) {
                          "<args>timeout --kill-after=5 10 touch /tmp/in/ran</args>"
                          "<temp_out>t.txt</temp_out><stdout/></action></use_extern_action>"
                          "</os></keel>"));
-  const IsolatedResult run =
-      Run({keeltest::BuildDir() + "/keelcheck", "--plan", "plan.xml"}, "", "ls /tmp/in");
+  const IsolatedResult run = Run({Program(), "--plan", "plan.xml"}, "", "ls /tmp/in");
   EXPECT_EQ(run.status, 0) << run.err;
   EXPECT_EQ(run.out,
             "plan.xml:\n"

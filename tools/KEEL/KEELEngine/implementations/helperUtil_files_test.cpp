@@ -946,7 +946,7 @@ TEST(FileCopy, DestinationLinkIsReplacedNotFollowed) {
   EXPECT_EQ("new", keeltest::ReadFile(dir.Sub("out")));
 }
 
-TEST(FileTruncate, ScratchNamePlantedAsALinkIsNotFollowed) {
+TEST(FileTruncateScratch, ScratchNamePlantedAsALinkIsNotFollowed) {
   // Run from /tmp, the scratch name could be a link another user placed.
   keeltest::TempDir dir;
   ASSERT_TRUE(keeltest::WriteFile(dir.Sub("victim"), "precious"));
