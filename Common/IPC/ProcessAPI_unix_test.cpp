@@ -42,18 +42,7 @@ bool NoChildLeft() {
   return waitpid(-1, &status, WNOHANG) == -1 && errno == ECHILD;
 }
 
-// Runs `body` in a forked child; its answer is the exit status, or -1 when
-// the child did not end normally.
-int RunInChild(const std::function<int()>& body) {
-  fflush(stdout);
-  fflush(stderr);
-  const pid_t pid = fork();
-  if (pid == 0)
-    _exit(body());
-  int status = 0;
-  waitpid(pid, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
+using keeltest::RunInChild;
 
 // Launches `argv` with attributes whose folder is `path` and waits for it.
 struct Outcome {

@@ -19,18 +19,7 @@ namespace {
 using keeltest::LogCapture;
 using keeltest::TempDir;
 
-// Runs `body` in a forked child, so that identity changes stay there; the
-// answer is its exit status, or -1 when it did not end normally.
-int RunInChild(const std::function<int()>& body) {
-  fflush(stdout);
-  fflush(stderr);
-  const pid_t pid = fork();
-  if (pid == 0)
-    _exit(body());
-  int status = 0;
-  waitpid(pid, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
+using keeltest::RunInChild;
 
 // The account tests switch to; skipped where it is missing or we are not root.
 bool HaveNobody() {

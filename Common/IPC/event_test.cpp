@@ -20,17 +20,7 @@
 namespace {
 
 using keeltest::LogCapture;
-
-int RunInChild(const std::function<int()>& body) {
-  fflush(stdout);
-  fflush(stderr);
-  const pid_t pid = fork();
-  if (pid == 0)
-    _exit(body());
-  int status = 0;
-  waitpid(pid, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
+using keeltest::RunInChild;
 
 uint32_t MillisSince(std::chrono::steady_clock::time_point start) {
   return static_cast<uint32_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
