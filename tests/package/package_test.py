@@ -672,8 +672,8 @@ def complete(ctx, root, command, words, cwd):
             share, "bash-completion", "completions", command))
     script = "\n".join([
         load,
-        "spec=$(complete -p %s) || exit 4" % command,
-        "[ \"$spec\" = 'complete -F _%s %s' ] || { echo \"$spec\" >&2; exit 5; }"
+        "registered=$(complete -p %s) || exit 4" % command,
+        "[ \"$registered\" = 'complete -F _%s %s' ] || { echo \"$registered\" >&2; exit 5; }"
         % (command, command),
         "COMP_WORDS=(%s)" % " ".join(shlex.quote(w) for w in words),
         "COMP_CWORD=%d" % (len(words) - 1),
