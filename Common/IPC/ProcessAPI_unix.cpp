@@ -29,23 +29,6 @@ constexpr size_t kAccountBufferSize = 16384;
 // A status word whose low seven bits are set did not come from a normal end.
 constexpr int kSignalBits = 0x7F;
 
-std::string ErrnoText(int error) {
-  char buffer[256];
-  return strerror_r(error, buffer, sizeof(buffer));
-}
-
-// waitpid that goes on after a signal interrupted it. A child collected is
-// no longer one for the interrupt guard to end.
-pid_t WaitRestarting(pid_t pid, int* status, int options) {
-  pid_t answer;
-  do {
-    answer = waitpid(pid, status, options);
-  } while (answer < 0 && errno == EINTR);
-  if (answer > 0)
-    ReleaseChildProcess(answer);
-  return answer;
-}
-
 struct FileCloser {
   void operator()(FILE* file) const { fclose(file); }
 };
@@ -189,7 +172,7 @@ ResultCode CProcessApi::Launch(ProcessAttributes& attributes,
   if (attributes.detached) {
     // The intermediate child ends at once; its child belongs to nobody.
     int status = 0;
-    if (WaitRestarting(child, &status, 0) != child)
+    if (CollectChildProcess(child, &status, 0) != child)
       KLOG_RC(LOG_LEVEL_E, "waitpid", static_cast<ResultCode>(errno));
     attributes.pid = 0;
   } else {
@@ -206,8 +189,8 @@ ResultCode CProcessApi::WaitForProcess(int32_t pid, int32_t* exitCode, CCEvent* 
   int status = -1;
 
   if (stopEvent == nullptr && timeoutMs == PROCESS_API_WAIT_INFINITE) {
-    if (WaitRestarting(pid, &status, 0) < 0) {
-      KLOG_E("waitpid failed: %s", ErrnoText(errno).c_str());
+    if (CollectChildProcess(pid, &status, 0) < 0) {
+      KLOG_E("waitpid failed: %s", errnoText(errno).c_str());
       return PROCESS_API_ERROR_UNKNOWN;
     }
   } else {
@@ -216,9 +199,9 @@ ResultCode CProcessApi::WaitForProcess(int32_t pid, int32_t* exitCode, CCEvent* 
       if (getTickMillis() - m_waitStart >= timeoutMs)
         break;
       int polled = 0;
-      const pid_t answer = WaitRestarting(pid, &polled, WNOHANG);
+      const pid_t answer = CollectChildProcess(pid, &polled, WNOHANG);
       if (answer < 0) {
-        KLOG_E("waitpid failed: %s", ErrnoText(errno).c_str());
+        KLOG_E("waitpid failed: %s", errnoText(errno).c_str());
         return PROCESS_API_ERROR_UNKNOWN;
       }
       if (answer > 0) {
@@ -248,7 +231,7 @@ ResultCode CProcessApi::WaitForProcess(int32_t pid, int32_t* exitCode, CCEvent* 
 
 ResultCode CProcessApi::PollProcess(int32_t pid) {
   int status = 0;
-  const pid_t answer = WaitRestarting(pid, &status, WNOHANG);
+  const pid_t answer = CollectChildProcess(pid, &status, WNOHANG);
   if (answer == 0)
     return 0;
   if (answer > 0)
@@ -265,7 +248,7 @@ ResultCode CProcessApi::KillProcess(int32_t pid) {
   if (kill(pid, SIGTERM) != 0)
     return PROCESS_API_ERROR_UNKNOWN;
   int status = 0;
-  WaitRestarting(pid, &status, 0);
+  CollectChildProcess(pid, &status, 0);
   return 0;
 }
 

@@ -866,7 +866,8 @@ TEST(ProcessApiInheritance, ProgramInheritsNoDescriptorOfTheTool) {
 
 TEST(ProcessApiInheritance, ProgramLeadsAProcessGroupOfItsOwn) {
   keeltest::TempDir dir;
-  EXPECT_EQ("same\n", LaunchedWithOpenInputPipe(
-                          "{ [ \"$(cut -d' ' -f5 /proc/$$/stat)\" = $$ ] && echo same || echo other; }",
-                          dir.Sub("out")));
+  EXPECT_EQ("same\n",
+            LaunchedWithOpenInputPipe(
+                "{ [ \"$(cut -d' ' -f5 /proc/$$/stat)\" = $$ ] && echo same || echo other; }",
+                dir.Sub("out")));
 }

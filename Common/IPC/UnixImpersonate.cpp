@@ -6,18 +6,13 @@
 #include <unistd.h>
 
 #include "Common/Log/Log.h"
+#include "Common/Utility/sysutils.h"
 
 namespace {
 
-// The text of `error`, without the shared buffer of strerror.
-std::string ErrnoText(int error) {
-  char buffer[256];
-  return strerror_r(error, buffer, sizeof(buffer));
-}
-
 // Logs a failed system call with errno as the code and its text.
 void LogSystemFailure(const char* function, unsigned line, const char* invoked, int error) {
-  const std::string text = ErrnoText(error);
+  const std::string text = errnoText(error);
   LogDebugReturnCode(function, __FILE__, line, LOG_LEVEL_E, invoked, static_cast<ResultCode>(error),
                      text.c_str(), nullptr);
 }
@@ -75,7 +70,7 @@ ResultCode CUnixImpersonate::becomeUser(bool permanent) {
   const passwd* entry = getpwnam(m_userName.c_str());
   if (entry == nullptr) {
     const int error = errno;
-    const std::string text = ErrnoText(error);
+    const std::string text = errnoText(error);
     KLOG_RC_FMT(LOG_LEVEL_E, "getpwnam", static_cast<ResultCode>(error), "error: %s; username: %s",
                 text.c_str(), m_userName.c_str());
     return GLOBAL_ERROR_UNEXPECTED;

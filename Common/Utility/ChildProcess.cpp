@@ -1,6 +1,8 @@
 #include "Common/Utility/ChildProcess.h"
 
+#include <errno.h>
 #include <fcntl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "Common/Utility/InterruptGuard.h"
@@ -38,4 +40,14 @@ void AdoptChildProcess(pid_t child) {
 
 void ReleaseChildProcess(pid_t child) {
   CInterruptGuard::ForgetProcess(child);
+}
+
+pid_t CollectChildProcess(pid_t pid, int* status, int options) {
+  pid_t answer;
+  do {
+    answer = waitpid(pid, status, options);
+  } while (answer < 0 && errno == EINTR);
+  if (answer > 0)
+    ReleaseChildProcess(answer);
+  return answer;
 }

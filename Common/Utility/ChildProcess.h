@@ -25,4 +25,8 @@ void AdoptChildProcess(pid_t child);
 // In the parent, once the child has been collected.
 void ReleaseChildProcess(pid_t child);
 
+// waitpid that goes on after a signal interrupted it; a child it collects
+// is released from the interrupt guard.
+pid_t CollectChildProcess(pid_t pid, int* status, int options);
+
 #endif  // COMMON_UTILITY_CHILDPROCESS_H_

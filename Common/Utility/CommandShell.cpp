@@ -18,16 +18,11 @@ namespace {
 // Bytes read from the command per fread.
 constexpr size_t kReadBlock = 1024;
 
-std::string ErrnoText(int error) {
-  char buffer[256];
-  return strerror_r(error, buffer, sizeof(buffer));
-}
-
 // Logs a failed call with errno as the code and its text.
 #define LOG_ERRNO_FAILURE(invoked, error)                                             \
   do {                                                                                \
     const int saved = (error);                                                        \
-    const std::string text = ErrnoText(saved);                                        \
+    const std::string text = errnoText(saved);                                        \
     KLOG_RC_DESC(LOG_LEVEL_E, invoked, static_cast<ResultCode>(saved), text.c_str()); \
   } while (0)
 
@@ -51,13 +46,10 @@ class CPipedCommand {
     fclose(m_file);
     m_file = nullptr;
     int status = 0;
-    pid_t answer;
-    do {
-      answer = waitpid(m_pid, &status, 0);
-    } while (answer < 0 && errno == EINTR);
-    if (answer < 0)
+    if (CollectChildProcess(m_pid, &status, 0) < 0) {
       LOG_ERRNO_FAILURE("waitpid", errno);
-    ReleaseChildProcess(m_pid);
+      ReleaseChildProcess(m_pid);
+    }
   }
 
  private:
@@ -82,8 +74,7 @@ class CPipedCommand {
     if (m_file == nullptr) {
       close(ends[0]);
       int status = 0;
-      waitpid(child, &status, 0);
-      ReleaseChildProcess(child);
+      CollectChildProcess(child, &status, 0);
     }
   }
 

@@ -86,12 +86,14 @@ void Watch() {
   }
 }
 
-void Insert(std::set<std::string>& set, const std::string& value) {
+template <typename T>
+void Insert(std::set<T>& set, const T& value) {
   std::lock_guard<std::mutex> lock(State().lock);
   set.insert(value);
 }
 
-void Erase(std::set<std::string>& set, const std::string& value) {
+template <typename T>
+void Erase(std::set<T>& set, const T& value) {
   std::lock_guard<std::mutex> lock(State().lock);
   set.erase(value);
 }
@@ -161,13 +163,11 @@ void CInterruptGuard::ForgetFile(const std::string& path) {
 }
 
 void CInterruptGuard::TrackProcess(pid_t pid) {
-  std::lock_guard<std::mutex> lock(State().lock);
-  State().processes.insert(pid);
+  Insert(State().processes, pid);
 }
 
 void CInterruptGuard::ForgetProcess(pid_t pid) {
-  std::lock_guard<std::mutex> lock(State().lock);
-  State().processes.erase(pid);
+  Erase(State().processes, pid);
 }
 
 int CInterruptGuard::CleanUp(int signalNumber) {

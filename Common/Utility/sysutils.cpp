@@ -50,6 +50,11 @@ bool fileExists(const std::string& path) {
   return false;
 }
 
+std::string errnoText(int error) {
+  char buffer[256];
+  return strerror_r(error, buffer, sizeof(buffer));
+}
+
 int removeFile(const char* path) {
   if (path == nullptr) {
     return EINVAL;

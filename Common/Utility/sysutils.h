@@ -20,6 +20,9 @@
 bool fileExists(const std::string& path);
 // 0, or errno of unlink, or 22 (EINVAL) for a null path.
 int removeFile(const char* path);
+// The system's text for an errno value (strerror_r: no shared buffer, so any
+// thread may call it).
+std::string errnoText(int error);
 
 // Time.
 

@@ -516,3 +516,8 @@ TEST(WipeBytes, ZeroesTheBytesGivenAndNoMore) {
   CStringUtils::wipeBytes(buffer, 0);
   EXPECT_EQ(buffer[0], 1);
 }
+
+TEST(ErrnoText, GivesTheSystemsWords) {
+  EXPECT_EQ("No such file or directory", errnoText(ENOENT));
+  EXPECT_EQ("No space left on device", errnoText(ENOSPC));
+}

@@ -11,14 +11,9 @@
 
 #include "Common/Log/Log.h"
 #include "Common/Utility/InterruptGuard.h"
+#include "Common/Utility/sysutils.h"
 
 namespace {
-
-// The text of `error`, without the shared buffer of strerror.
-std::string ErrnoText(int error) {
-  char buffer[256];
-  return strerror_r(error, buffer, sizeof(buffer));
-}
 
 bool SameFile(const struct stat& a, const struct stat& b) {
   return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
@@ -62,7 +57,7 @@ ResultCode CArchiveFile::create(const std::string& path) {
   if (m_folderFd < 0) {
     const int error = errno;
     KLOG_E("Could not open the folder of the archive \"%s\": %s", m_folder.c_str(),
-           ErrnoText(error).c_str());
+           errnoText(error).c_str());
     return GLOBAL_ERROR_BAD_PARAMETER;
   }
   m_hadOld = fstatat(m_folderFd, m_name.c_str(), &m_old, AT_SYMLINK_NOFOLLOW) == 0 &&
@@ -76,7 +71,7 @@ ResultCode CArchiveFile::create(const std::string& path) {
   if (m_fd < 0) {
     const int error = errno;
     KLOG_E("Could not create a new archive file in \"%s\": %s", m_folder.c_str(),
-           ErrnoText(error).c_str());
+           errnoText(error).c_str());
     closeDescriptors();
     return GLOBAL_ERROR_BAD_PARAMETER;
   }
@@ -128,7 +123,7 @@ ResultCode CArchiveFile::commit() {
   if (renameat(m_folderFd, m_temporaryName.c_str(), m_folderFd, m_name.c_str()) != 0) {
     const int error = errno;
     KLOG_E("Could not rename \"%s\" to \"%s\" in \"%s\": %s", m_temporaryName.c_str(),
-           m_name.c_str(), m_folder.c_str(), ErrnoText(error).c_str());
+           m_name.c_str(), m_folder.c_str(), errnoText(error).c_str());
     discard();
     return GLOBAL_ERROR_UNEXPECTED;
   }
@@ -137,7 +132,7 @@ ResultCode CArchiveFile::commit() {
   // archive itself is whole either way.
   if (fsync(m_folderFd) != 0) {
     const int error = errno;
-    KLOG_W("Could not flush the folder \"%s\": %s", m_folder.c_str(), ErrnoText(error).c_str());
+    KLOG_W("Could not flush the folder \"%s\": %s", m_folder.c_str(), errnoText(error).c_str());
   }
   closeDescriptors();
   return 0;
@@ -153,7 +148,7 @@ void CArchiveFile::removeTemporary() {
   if (unlinkat(m_folderFd, m_temporaryName.c_str(), 0) != 0) {
     const int error = errno;
     KLOG_E("Could not remove the unfinished archive \"%s\": %s", m_temporaryPath.c_str(),
-           ErrnoText(error).c_str());
+           errnoText(error).c_str());
   }
   CInterruptGuard::ForgetFile(m_temporaryPath);
 }
@@ -174,7 +169,7 @@ void CArchiveFile::remember(int error, const char* what) {
     return;
   m_error = error != 0 ? error : EIO;
   KLOG_E("%s of the archive \"%s\" failed: %s", what, m_temporaryPath.c_str(),
-         ErrnoText(m_error).c_str());
+         errnoText(m_error).c_str());
 }
 
 bool CArchiveFile::writeOut(const unsigned char* data, size_t size) {

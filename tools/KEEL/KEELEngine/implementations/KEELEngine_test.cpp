@@ -1,5 +1,8 @@
 #include "tools/KEEL/KEELEngine/implementations/KEELEngine.h"
 
+#include <signal.h>
+#include <sys/resource.h>
+
 #include <regex>
 #include <string>
 #include <vector>
@@ -311,6 +314,24 @@ TEST_F(EngineTest, UnusableRequestFileStopsTheRun) {
                      "administrator, or run in default mode\r\n"),
             std::string::npos);
   EXPECT_TRUE(ListDir(dir.Sub("work")).empty());
+}
+
+TEST(EngineSummaryTail, TailThatCannotBeWrittenWholeIsAWriteFailure) {
+  // A file-size limit fails the writes past it as a full disk would.
+  keeltest::TempDir dir(keeltest::BuildDir());
+  const std::string summary = dir.Sub("summary.txt");
+  ASSERT_TRUE(keeltest::WriteFile(summary, std::string(4096, 's')));
+  auto engine = std::make_shared<KEELEngine>("", dir.path(), dir.Sub("b.zip"), "", false, false,
+                                             true, dir.Sub("work"));
+  EXPECT_EQ(0u, engine->writeFailedFilesToSummary(summary));
+  const int answer = keeltest::RunInChild([&] {
+    signal(SIGXFSZ, SIG_IGN);
+    struct rlimit limit = {4200, 4200};
+    if (setrlimit(RLIMIT_FSIZE, &limit) != 0)
+      return 3;
+    return engine->writeFailedFilesToSummary(summary) == KEELENGINE_ERROR_WRITE_FAILURE ? 0 : 1;
+  });
+  EXPECT_EQ(0, answer);
 }
 
 }  // namespace

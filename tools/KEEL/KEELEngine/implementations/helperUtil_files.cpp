@@ -54,10 +54,6 @@ class FolderPathEntry {
   FolderPath& m_path;
 };
 
-std::string errnoText(int error) {
-  return std::error_code(error, std::generic_category()).message();
-}
-
 bool isDotEntry(const char* name) {
   return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
 }
