@@ -31,6 +31,8 @@ ResultCode ReselectLogSink();
 // Whether a sink is installed.
 bool HasLogSink();
 
+// The compiler checks the arguments of every call against its format, as it
+// does for printf; a null format is allowed where the text is optional.
 void LogDebugMessage(const char* function, const char* file, unsigned line, unsigned level,
                      const char* format, ...) __attribute__((format(printf, 5, 6)));
 
@@ -39,7 +41,7 @@ void LogDebugMessage(const char* function, const char* file, unsigned line, unsi
 // catalogue text of `code` is used.
 void LogDebugReturnCode(const char* function, const char* file, unsigned line, unsigned level,
                         const char* invokedFunction, ResultCode code, const char* description,
-                        const char* format, ...);
+                        const char* format, ...) __attribute__((format(printf, 8, 9)));
 
 // Renders row `id` of the message table with the remaining arguments.
 void LogMessageId(unsigned id, unsigned level, ...);
