@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -233,6 +234,21 @@ std::string BuildDir() {
     return ".";
   std::string path(buffer, length);
   return path.substr(0, path.rfind('/'));
+}
+
+std::string SourceDir() {
+  return KEEL_SOURCE_DIR;
+}
+
+bool WriteScript(const std::string& path, const std::string& body) {
+  if (!WriteFile(path, "#!/bin/sh\n" + body + "\n"))
+    return false;
+  return chmod(path.c_str(), 0755) == 0;
+}
+
+bool NoChildLeft() {
+  errno = 0;
+  return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD;
 }
 
 }  // namespace keeltest

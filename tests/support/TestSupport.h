@@ -126,6 +126,17 @@ int RunInChild(const std::function<int()>& body);
 // The folder holding the test binaries (the build folder's top).
 std::string BuildDir();
 
+// The top of the source tree this build was configured from; tests find
+// their data files below it.
+std::string SourceDir();
+
+// Writes `body` as a /bin/sh script at `path` (a "#!/bin/sh" line is put in
+// front and a newline after it) and makes it executable; returns success.
+bool WriteScript(const std::string& path, const std::string& body);
+
+// True when the test process has no child left, collected or not.
+bool NoChildLeft();
+
 }  // namespace keeltest
 
 #endif  // TESTS_SUPPORT_TESTSUPPORT_H_
