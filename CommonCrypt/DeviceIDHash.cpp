@@ -3,12 +3,7 @@
 #include "Common/Log/Log.h"
 #include "CommonCrypt/Hash.h"
 
-ResultCode GetDeviceUniqueIDHash(std::string& out, const char* hashName) {
-  return GetDeviceUniqueIDHash(out, hashName, DeviceIDPaths());
-}
-
-ResultCode GetDeviceUniqueIDHash(std::string& out, const char* hashName,
-                                 const DeviceIDPaths& paths) {
+ResultCode GetDeviceUniqueIDHash(std::string& out, const char* hashName, const HostPaths& paths) {
   if (hashName == nullptr)
     return HASH_ERROR_NULL_POINTER;
   out.clear();

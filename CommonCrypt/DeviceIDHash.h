@@ -13,10 +13,9 @@
 // or "sha256") into `out`. A null name gives HASH_ERROR_NULL_POINTER and
 // leaves `out` as it was; otherwise `out` is cleared first. When no UUID is
 // found the answer is GLOBAL_ERROR_NOT_IMPLEMENTED, which callers treat as
-// "no identifier on this host".
-ResultCode GetDeviceUniqueIDHash(std::string& out, const char* hashName);
-// The same, reading the mount table and by-uuid folder from `paths`.
+// "no identifier on this host". The mount table and by-uuid folder are
+// read from `paths`.
 ResultCode GetDeviceUniqueIDHash(std::string& out, const char* hashName,
-                                 const DeviceIDPaths& paths);
+                                 const HostPaths& paths = HostPaths());
 
 #endif  // COMMONCRYPT_DEVICEIDHASH_H_

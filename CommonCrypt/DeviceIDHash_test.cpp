@@ -9,34 +9,10 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/FakeDiskHost.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
-
-// A host in a temporary folder whose root device "sda2" has the by-uuid
-// link `uuid` (none when empty).
-class FakeHost {
- public:
-  explicit FakeHost(const std::string& uuid) {
-    m_paths.mountTable = m_dir.Sub("mtab");
-    m_paths.byUuidFolder = m_dir.Sub("dev/disk/by-uuid");
-    EXPECT_TRUE(keeltest::WriteFile(m_dir.Sub("dev/sda2"), ""));
-    mkdir(m_dir.Sub("dev/disk").c_str(), 0755);
-    mkdir(m_paths.byUuidFolder.c_str(), 0755);
-    EXPECT_TRUE(keeltest::WriteFile(
-        m_paths.mountTable,
-        "rootfs / rootfs rw 0 0\n" + m_dir.Sub("dev/sda2") + " / ext4 rw,relatime 0 0\n"));
-    EXPECT_EQ(symlink("../../sdb1", (m_paths.byUuidFolder + "/0000-OTHER").c_str()), 0);
-    if (!uuid.empty()) {
-      EXPECT_EQ(symlink("../../sda2", (m_paths.byUuidFolder + "/" + uuid).c_str()), 0);
-    }
-  }
-  const DeviceIDPaths& paths() const { return m_paths; }
-
- private:
-  keeltest::TempDir m_dir;
-  DeviceIDPaths m_paths;
-};
 
 // The upper-case checksum of `text` (no line feed) by a coreutils program.
 std::string ChecksumOfText(const std::string& program, const std::string& text) {
@@ -77,7 +53,7 @@ bool LoggedFailedCall(keeltest::LogCapture& capture, const std::string& invoked,
 const char kUuid[] = "7c3A9e1b-04D2-4f6e-9a5b-0123456789Ab";
 
 TEST(DeviceUniqueIDHash, Sha1IsUpperCaseSha1sumOfTheUuidText) {
-  FakeHost host(kUuid);
+  keeltest::FakeDiskHost host(kUuid);
   std::string out = "stale";
   EXPECT_EQ(GetDeviceUniqueIDHash(out, "sha1", host.paths()), 0u);
   EXPECT_EQ(out.size(), 40u);
@@ -85,7 +61,7 @@ TEST(DeviceUniqueIDHash, Sha1IsUpperCaseSha1sumOfTheUuidText) {
 }
 
 TEST(DeviceUniqueIDHash, Sha256IsUpperCaseSha256sumOfTheUuidText) {
-  FakeHost host(kUuid);
+  keeltest::FakeDiskHost host(kUuid);
   std::string out;
   EXPECT_EQ(GetDeviceUniqueIDHash(out, "sha256", host.paths()), 0u);
   EXPECT_EQ(out.size(), 64u);
@@ -93,7 +69,7 @@ TEST(DeviceUniqueIDHash, Sha256IsUpperCaseSha256sumOfTheUuidText) {
 }
 
 TEST(DeviceUniqueIDHash, OnlyUpperCaseHexDigits) {
-  FakeHost host(kUuid);
+  keeltest::FakeDiskHost host(kUuid);
   for (const char* name : {"sha1", "sha256"}) {
     std::string out;
     ASSERT_EQ(GetDeviceUniqueIDHash(out, name, host.paths()), 0u);
@@ -104,7 +80,7 @@ TEST(DeviceUniqueIDHash, OnlyUpperCaseHexDigits) {
 }
 
 TEST(DeviceUniqueIDHash, SameHostGivesSameIdentifierEachCall) {
-  FakeHost host(kUuid);
+  keeltest::FakeDiskHost host(kUuid);
   std::string first;
   std::string second;
   ASSERT_EQ(GetDeviceUniqueIDHash(first, "sha256", host.paths()), 0u);
@@ -113,7 +89,7 @@ TEST(DeviceUniqueIDHash, SameHostGivesSameIdentifierEachCall) {
 }
 
 TEST(DeviceUniqueIDHash, RootWithoutUuidLinkGivesNotImplemented) {
-  FakeHost host("");
+  keeltest::FakeDiskHost host("");
   keeltest::LogCapture capture;
   std::string out = "stale";
   const ResultCode result = GetDeviceUniqueIDHash(out, "sha256", host.paths());
@@ -125,7 +101,7 @@ TEST(DeviceUniqueIDHash, RootWithoutUuidLinkGivesNotImplemented) {
 
 TEST(DeviceUniqueIDHash, RootfsOnlyHostGivesNotImplemented) {
   keeltest::TempDir dir;
-  DeviceIDPaths paths;
+  HostPaths paths;
   paths.mountTable = dir.Sub("mtab");
   paths.byUuidFolder = dir.Sub("by-uuid");
   ASSERT_TRUE(keeltest::WriteFile(paths.mountTable, "rootfs / rootfs rw 0 0\n"));
@@ -137,7 +113,7 @@ TEST(DeviceUniqueIDHash, RootfsOnlyHostGivesNotImplemented) {
 }
 
 TEST(DeviceUniqueIDHash, UnknownHashNameGivesGetDigestOnceTheIdIsFound) {
-  FakeHost host(kUuid);
+  keeltest::FakeDiskHost host(kUuid);
   keeltest::LogCapture capture;
   std::string out = "stale";
   EXPECT_EQ(GetDeviceUniqueIDHash(out, "nosuchdigest", host.paths()), HASH_ERROR_GET_DIGEST);
@@ -148,7 +124,7 @@ TEST(DeviceUniqueIDHash, UnknownHashNameGivesGetDigestOnceTheIdIsFound) {
 TEST(DeviceUniqueIDHash, UnknownHashNameIsNotLookedAtBeforeTheId) {
   // Without a UUID the device error comes first: the id is read before the
   // hash object is made.
-  FakeHost host("");
+  keeltest::FakeDiskHost host("");
   keeltest::LogCapture capture;
   std::string out;
   EXPECT_EQ(GetDeviceUniqueIDHash(out, "nosuchdigest", host.paths()), GLOBAL_ERROR_NOT_IMPLEMENTED);
@@ -156,7 +132,7 @@ TEST(DeviceUniqueIDHash, UnknownHashNameIsNotLookedAtBeforeTheId) {
 }
 
 TEST(DeviceUniqueIDHash, NullHashNameLeavesOutAsItWas) {
-  FakeHost host(kUuid);
+  keeltest::FakeDiskHost host(kUuid);
   keeltest::LogCapture capture;
   std::string out = "keep";
   EXPECT_EQ(GetDeviceUniqueIDHash(out, nullptr, host.paths()), HASH_ERROR_NULL_POINTER);

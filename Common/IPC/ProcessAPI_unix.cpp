@@ -18,6 +18,7 @@
 #include "Common/Log/BoundedText.h"
 #include "Common/Log/Log.h"
 #include "Common/Utility/ChildProcess.h"
+#include "Common/Utility/ScopedHandles.h"
 #include "Common/Utility/sysutils.h"
 
 namespace {
@@ -28,11 +29,6 @@ constexpr uint32_t kPollIntervalMs = 20;
 constexpr size_t kAccountBufferSize = 16384;
 // A status word whose low seven bits are set did not come from a normal end.
 constexpr int kSignalBits = 0x7F;
-
-struct FileCloser {
-  void operator()(FILE* file) const { fclose(file); }
-};
-typedef std::unique_ptr<FILE, FileCloser> FilePtr;
 
 bool IsShell(const std::string& program) {
   return program == "/bin/sh" || program == "/bin/bash";
@@ -278,10 +274,10 @@ ResultCode CProcessApi::SetThreadPriority(int32_t* priority) {
 }
 
 ResultCode CProcessApi::ReadProcessExePath(int32_t pid, char* buffer, size_t size,
-                                           const char* procRoot) {
-  if (buffer == nullptr || size == 0 || procRoot == nullptr)
+                                           const HostPaths& paths) {
+  if (buffer == nullptr || size == 0)
     return PROCESS_API_ERROR_BAD_PARAMETER;
-  const std::string link = std::string(procRoot) + "/" + std::to_string(pid) + "/exe";
+  const std::string link = paths.procRoot + "/" + std::to_string(pid) + "/exe";
   const ssize_t length = readlink(link.c_str(), buffer, size);
   if (length < 0) {
     buffer[0] = '\0';
@@ -291,11 +287,9 @@ ResultCode CProcessApi::ReadProcessExePath(int32_t pid, char* buffer, size_t siz
   return 0;
 }
 
-bool CProcessApi::IsProcessRunnable(int32_t pid, const char* procRoot) {
-  if (procRoot == nullptr)
-    return false;
-  const std::string path = std::string(procRoot) + "/" + std::to_string(pid) + "/stat";
-  FilePtr file(fopen(path.c_str(), "r"));
+bool CProcessApi::IsProcessRunnable(int32_t pid, const HostPaths& paths) {
+  const std::string path = paths.procRoot + "/" + std::to_string(pid) + "/stat";
+  FileHandle file(fopen(path.c_str(), "r"));
   if (!file)
     return false;
   // The state follows the first ")" and one blank.

@@ -8,6 +8,9 @@
 // exec failure, 255 when the child could not become the requested user or
 // set its environment.
 //
+// Launch, WaitForProcess, PollProcess and KillProcess are virtual: a test
+// stands in for the host's processes by deriving from this class.
+//
 // Ownership: the object does not own the signature checker. Launched
 // processes are not tracked; whoever launches collects them with
 // WaitForProcess, PollProcess or KillProcess.
@@ -26,6 +29,7 @@
 #include <vector>
 
 #include "Common/Result/ResultCode.h"
+#include "Common/Utility/HostPaths.h"
 
 class CCEvent;
 
@@ -94,17 +98,17 @@ class CProcessApi {
   // 0 with its exit code; PROCESS_API_ERROR_WAIT_TIMEOUT when time ran out or
   // the process was ended by a signal; PROCESS_API_ERROR_WAIT_INTERRUPTED when
   // `stopEvent` fired. `exitCode` may be null.
-  ResultCode WaitForProcess(int32_t pid, int32_t* exitCode, CCEvent* stopEvent, bool spareFlag,
-                            uint32_t timeoutMs);
+  virtual ResultCode WaitForProcess(int32_t pid, int32_t* exitCode, CCEvent* stopEvent,
+                                    bool spareFlag, uint32_t timeoutMs);
   // 0 while `pid` runs; PROCESS_API_ERROR_NOTRUNNING when it has ended and
   // has now been collected; PROCESS_API_ERROR_UNKNOWN for anything else
   // (no such child, or already collected).
-  ResultCode PollProcess(int32_t pid);
+  virtual ResultCode PollProcess(int32_t pid);
   // Sends SIGTERM and waits until the process has ended (a process that is
   // no child of ours is not waited for). PROCESS_API_ERROR_UNKNOWN when the
   // signal cannot be sent; ids of 0 and below, which name process groups,
   // are refused with PROCESS_API_ERROR_BAD_PARAMETER.
-  ResultCode KillProcess(int32_t pid);
+  virtual ResultCode KillProcess(int32_t pid);
 
   // Installs the checker used when a request sets verifySignature.
   ResultCode SetFileVerifier(IFileSignatureVerifier* verifier);
@@ -112,12 +116,12 @@ class CProcessApi {
   // the previous one back in it.
   ResultCode SetThreadPriority(int32_t* priority);
 
-  // The target of `procRoot`/<pid>/exe into `buffer`, always terminated
+  // The target of <procRoot>/<pid>/exe into `buffer`, always terminated
   // (cut to size - 1 bytes).
   ResultCode ReadProcessExePath(int32_t pid, char* buffer, size_t size,
-                                const char* procRoot = "/proc");
-  // True when the state in `procRoot`/<pid>/stat is R, S or D.
-  bool IsProcessRunnable(int32_t pid, const char* procRoot = "/proc");
+                                const HostPaths& paths = HostPaths());
+  // True when the state in <procRoot>/<pid>/stat is R, S or D.
+  bool IsProcessRunnable(int32_t pid, const HostPaths& paths = HostPaths());
 
   // The two environment entries given to a child that runs as `entry`'s user
   // on `display`: "DISPLAY=<display>" (in 256 bytes) and

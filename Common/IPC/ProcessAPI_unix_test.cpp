@@ -24,6 +24,13 @@
 
 namespace {
 
+// Host paths whose process table is `dir`.
+HostPaths ProcAt(const keeltest::TempDir& dir) {
+  HostPaths paths;
+  paths.procRoot = dir.path();
+  return paths;
+}
+
 using keeltest::LogCapture;
 using keeltest::TempDir;
 
@@ -663,14 +670,14 @@ TEST(ProcessApiProc, ExePathIsReadFromTheLink) {
   ASSERT_EQ(symlink("/usr/bin/thing", dir.Sub("123/exe").c_str()), 0);
   CProcessApi api;
   char buffer[64];
-  EXPECT_EQ(api.ReadProcessExePath(123, buffer, sizeof(buffer), dir.path().c_str()), 0u);
+  EXPECT_EQ(api.ReadProcessExePath(123, buffer, sizeof(buffer), ProcAt(dir)), 0u);
   EXPECT_STREQ(buffer, "/usr/bin/thing");
   // Cut at the buffer's last place.
   char small[5];
-  EXPECT_EQ(api.ReadProcessExePath(123, small, sizeof(small), dir.path().c_str()), 0u);
+  EXPECT_EQ(api.ReadProcessExePath(123, small, sizeof(small), ProcAt(dir)), 0u);
   EXPECT_STREQ(small, "/usr");
   char exact[15];
-  EXPECT_EQ(api.ReadProcessExePath(123, exact, sizeof(exact), dir.path().c_str()), 0u);
+  EXPECT_EQ(api.ReadProcessExePath(123, exact, sizeof(exact), ProcAt(dir)), 0u);
   EXPECT_STREQ(exact, "/usr/bin/thing");
 }
 
@@ -679,14 +686,12 @@ TEST(ProcessApiProc, ExePathFailures) {
   keeltest::WriteFile(dir.Sub("5/exe"), "a plain file");
   CProcessApi api;
   char buffer[64];
-  EXPECT_EQ(api.ReadProcessExePath(4, buffer, sizeof(buffer), dir.path().c_str()),
+  EXPECT_EQ(api.ReadProcessExePath(4, buffer, sizeof(buffer), ProcAt(dir)),
             PROCESS_API_ERROR_PROCESS_NOT_FOUND);
-  EXPECT_EQ(api.ReadProcessExePath(5, buffer, sizeof(buffer), dir.path().c_str()),
+  EXPECT_EQ(api.ReadProcessExePath(5, buffer, sizeof(buffer), ProcAt(dir)),
             PROCESS_API_ERROR_UNEXPECTED);
-  EXPECT_EQ(api.ReadProcessExePath(5, nullptr, 10, dir.path().c_str()),
-            PROCESS_API_ERROR_BAD_PARAMETER);
-  EXPECT_EQ(api.ReadProcessExePath(5, buffer, 0, dir.path().c_str()),
-            PROCESS_API_ERROR_BAD_PARAMETER);
+  EXPECT_EQ(api.ReadProcessExePath(5, nullptr, 10, ProcAt(dir)), PROCESS_API_ERROR_BAD_PARAMETER);
+  EXPECT_EQ(api.ReadProcessExePath(5, buffer, 0, ProcAt(dir)), PROCESS_API_ERROR_BAD_PARAMETER);
 }
 
 TEST(ProcessApiProc, ExePathOfThisProcess) {
@@ -708,7 +713,7 @@ TEST(ProcessApiProc, RunnableStatesAreRunningSleepingAndDiskWait) {
   const bool expected[] = {true, true, true, false, false, false, false};
   for (int i = 0; i < 7; ++i) {
     keeltest::WriteFile(dir.Sub(std::to_string(i + 1) + "/stat"), lines[i]);
-    EXPECT_EQ(api.IsProcessRunnable(i + 1, dir.path().c_str()), expected[i]) << lines[i];
+    EXPECT_EQ(api.IsProcessRunnable(i + 1, ProcAt(dir)), expected[i]) << lines[i];
   }
 }
 
@@ -720,7 +725,7 @@ TEST(ProcessApiProc, StatWithoutStateIsNotRunnable) {
   keeltest::WriteFile(dir.Sub("3/stat"), "3 (cut) ");
   keeltest::WriteFile(dir.Sub("4/stat"), "");
   for (int pid = 1; pid <= 5; ++pid)
-    EXPECT_FALSE(api.IsProcessRunnable(pid, dir.path().c_str())) << pid;
+    EXPECT_FALSE(api.IsProcessRunnable(pid, ProcAt(dir))) << pid;
 }
 
 TEST(ProcessApiProc, StateIsReadBehindTheFirstParenthesis) {
@@ -729,8 +734,8 @@ TEST(ProcessApiProc, StateIsReadBehindTheFirstParenthesis) {
   // A name holding ")" is not handled: the first ")" counts.
   keeltest::WriteFile(dir.Sub("1/stat"), "1 (a) Z) R 0");
   keeltest::WriteFile(dir.Sub("2/stat"), "2 (a) R) Z 0");
-  EXPECT_FALSE(api.IsProcessRunnable(1, dir.path().c_str()));
-  EXPECT_TRUE(api.IsProcessRunnable(2, dir.path().c_str()));
+  EXPECT_FALSE(api.IsProcessRunnable(1, ProcAt(dir)));
+  EXPECT_TRUE(api.IsProcessRunnable(2, ProcAt(dir)));
 }
 
 TEST(ProcessApiProc, ThisProcessIsRunnable) {

@@ -119,10 +119,10 @@ ResultCode CUnixImpersonate::Stop() {
 }
 
 ResultCode CUnixImpersonate::GetUsernameOwningProcess(int32_t pid, std::string* name,
-                                                      const char* procRoot) {
-  if (name == nullptr || procRoot == nullptr)
+                                                      const HostPaths& paths) {
+  if (name == nullptr)
     return GLOBAL_ERROR_BAD_PARAMETER;
-  const std::string folder = std::string(procRoot) + "/" + std::to_string(pid);
+  const std::string folder = paths.procRoot + "/" + std::to_string(pid);
   struct stat info;
   if (stat(folder.c_str(), &info) != 0) {
     LOG_SYSTEM_FAILURE("stat", errno);

@@ -19,6 +19,7 @@
 #include <string>
 
 #include "Common/Result/ResultCode.h"
+#include "Common/Utility/HostPaths.h"
 
 class CUnixImpersonate {
  public:
@@ -40,9 +41,9 @@ class CUnixImpersonate {
   ResultCode PermanentlyBecomeUser();
 
   // The name of the account owning `pid`, from the owner of its folder under
-  // `procRoot`.
+  // the process table.
   static ResultCode GetUsernameOwningProcess(int32_t pid, std::string* name,
-                                             const char* procRoot = "/proc");
+                                             const HostPaths& paths = HostPaths());
 
   // True when the account is listed as a member of "admin" or "wheel". The
   // account's primary group is not looked at.

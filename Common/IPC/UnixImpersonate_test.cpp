@@ -16,6 +16,13 @@
 
 namespace {
 
+// Host paths whose process table is `dir`.
+HostPaths ProcAt(const keeltest::TempDir& dir) {
+  HostPaths paths;
+  paths.procRoot = dir.path();
+  return paths;
+}
+
 using keeltest::LogCapture;
 using keeltest::TempDir;
 
@@ -139,7 +146,7 @@ TEST(UnixImpersonate, OwnerIsReadFromTheProcessFolder) {
   keeltest::WriteFile(dir.Sub("77/stat"), "");
   ASSERT_EQ(chown(dir.Sub("77").c_str(), getpwnam("nobody")->pw_uid, 0), 0);
   std::string name = "before";
-  EXPECT_EQ(CUnixImpersonate::GetUsernameOwningProcess(77, &name, dir.path().c_str()), 0u);
+  EXPECT_EQ(CUnixImpersonate::GetUsernameOwningProcess(77, &name, ProcAt(dir)), 0u);
   EXPECT_EQ(name, "nobody");
 }
 
@@ -152,7 +159,7 @@ TEST(UnixImpersonate, OwnerWithoutAccountIsUnexpected) {
   keeltest::WriteFile(dir.Sub("78/stat"), "");
   ASSERT_EQ(chown(dir.Sub("78").c_str(), kStrayUid, 0), 0);
   std::string name = "before";
-  EXPECT_EQ(CUnixImpersonate::GetUsernameOwningProcess(78, &name, dir.path().c_str()),
+  EXPECT_EQ(CUnixImpersonate::GetUsernameOwningProcess(78, &name, ProcAt(dir)),
             GLOBAL_ERROR_UNEXPECTED);
   EXPECT_EQ(name, "before");
   EXPECT_TRUE(capture.Contains("Invoked Function: getpwuid\n"));
@@ -162,13 +169,13 @@ TEST(UnixImpersonate, OwnerOfAMissingProcessIsABadHandle) {
   LogCapture capture;
   TempDir dir;
   std::string name = "before";
-  EXPECT_EQ(CUnixImpersonate::GetUsernameOwningProcess(79, &name, dir.path().c_str()),
+  EXPECT_EQ(CUnixImpersonate::GetUsernameOwningProcess(79, &name, ProcAt(dir)),
             GLOBAL_ERROR_BAD_HANDLE);
   EXPECT_EQ(name, "before");
   EXPECT_TRUE(
       capture.Contains("Invoked Function: stat\nReturn Code: 2 (0x00000002)\n"
                        "Description: No such file or directory\n"));
-  EXPECT_EQ(CUnixImpersonate::GetUsernameOwningProcess(79, nullptr, dir.path().c_str()),
+  EXPECT_EQ(CUnixImpersonate::GetUsernameOwningProcess(79, nullptr, ProcAt(dir)),
             GLOBAL_ERROR_BAD_PARAMETER);
 }
 

@@ -65,7 +65,7 @@ std::string getTargetPath(const std::string& path) {
   return std::string(target.data(), length);
 }
 
-std::string getDeviceNameForRoot(const DeviceIDPaths& paths) {
+std::string getDeviceNameForRoot(const HostPaths& paths) {
   MountTable table(setmntent(paths.mountTable.c_str(), "r"));
   if (!table) {
     KLOG_E("setmntent error");
@@ -97,7 +97,7 @@ std::string getDeviceNameForRoot(const DeviceIDPaths& paths) {
   return AfterLastSlash(device);
 }
 
-bool GetDeviceID(std::string& id, const DeviceIDPaths& paths) {
+bool GetDeviceID(std::string& id, const HostPaths& paths) {
   id.clear();
 
   const std::string root = getDeviceNameForRoot(paths);

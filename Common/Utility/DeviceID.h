@@ -10,20 +10,15 @@
 
 #include <string>
 
-// Where the host's mount table and by-uuid folder are read from. Production
-// uses the defaults; tests point them into a temporary folder.
-struct DeviceIDPaths {
-  std::string mountTable = "/etc/mtab";
-  std::string byUuidFolder = "/dev/disk/by-uuid";
-};
+#include "Common/Utility/HostPaths.h"
 
 // Clears `id`, then sets it to the UUID link name of the root file system.
 // True when a non-empty id was found.
-bool GetDeviceID(std::string& id, const DeviceIDPaths& paths = DeviceIDPaths());
+bool GetDeviceID(std::string& id, const HostPaths& paths = HostPaths());
 
 // The last path component of the device that holds "/" (after one level of
 // symbolic link), or the empty string.
-std::string getDeviceNameForRoot(const DeviceIDPaths& paths = DeviceIDPaths());
+std::string getDeviceNameForRoot(const HostPaths& paths = HostPaths());
 
 // The target text of the symbolic link `path`, as it stands (not resolved),
 // or the empty string when `path` is empty, missing or not a link.

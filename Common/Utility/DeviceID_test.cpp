@@ -38,7 +38,7 @@ class FakeHost {
     mkdir(m_paths.byUuidFolder.c_str(), 0755);
   }
 
-  const DeviceIDPaths& paths() const { return m_paths; }
+  const HostPaths& paths() const { return m_paths; }
   std::string Dev(const std::string& name) const { return m_dir.Sub("dev/" + name); }
   std::string Path(const std::string& relative) const { return m_dir.Sub(relative); }
 
@@ -60,7 +60,7 @@ class FakeHost {
 
  private:
   keeltest::TempDir m_dir;
-  DeviceIDPaths m_paths;
+  HostPaths m_paths;
 };
 
 // Names of the links in `folder`, in the order readdir gives them.
@@ -77,8 +77,8 @@ std::vector<std::string> LinksInDirectoryOrder(const std::string& folder) {
   return names;
 }
 
-TEST(DeviceIDPathsDefaults, AreTheHostMountTableAndByUuidFolder) {
-  const DeviceIDPaths paths;
+TEST(HostPathsDefaults, AreTheHostMountTableAndByUuidFolder) {
+  const HostPaths paths;
   EXPECT_EQ(paths.mountTable, "/etc/mtab");
   EXPECT_EQ(paths.byUuidFolder, "/dev/disk/by-uuid");
 }

@@ -10,7 +10,7 @@
 #include "Common/Log/BoundedText.h"
 #include "Common/Utility/sysutils.h"
 
-bool readOSReleaseText(std::string& text, const OSReleasePaths& paths) {
+bool readOSReleaseText(std::string& text, const HostPaths& paths) {
   text.clear();
   const std::string* chosen = nullptr;
   for (const std::string* candidate : {&paths.osRelease, &paths.procVersion, &paths.issue}) {
@@ -74,7 +74,7 @@ bool getOSField(const std::string& text, const std::string& key, std::string& va
   return true;
 }
 
-void getHostOSInfo(HostOSInfo& info, const OSReleasePaths& paths) {
+void getHostOSInfo(HostOSInfo& info, const HostPaths& paths) {
   std::memset(&info, 0, sizeof(info));
   info.type = HOST_OS_TYPE_LINUX;
   boundedCopy(info.name, "Linux", sizeof(info.name));
@@ -98,7 +98,7 @@ void getHostOSInfo(HostOSInfo& info, const OSReleasePaths& paths) {
                 host.version, host.machine);
 }
 
-bool isLinux(const OSReleasePaths& paths) {
+bool isLinux(const HostPaths& paths) {
   HostOSInfo info;
   getHostOSInfo(info, paths);
   return info.type == HOST_OS_TYPE_LINUX;
@@ -106,7 +106,7 @@ bool isLinux(const OSReleasePaths& paths) {
 
 namespace {
 
-bool releaseTextContains(const OSReleasePaths& paths, const char* word) {
+bool releaseTextContains(const HostPaths& paths, const char* word) {
   std::string text;
   if (!readOSReleaseText(text, paths))
     return false;
@@ -115,10 +115,10 @@ bool releaseTextContains(const OSReleasePaths& paths, const char* word) {
 
 }  // namespace
 
-bool isUbuntu(const OSReleasePaths& paths) {
+bool isUbuntu(const HostPaths& paths) {
   return releaseTextContains(paths, "ubuntu");
 }
 
-bool isRedHat(const OSReleasePaths& paths) {
+bool isRedHat(const HostPaths& paths) {
   return releaseTextContains(paths, "red hat");
 }

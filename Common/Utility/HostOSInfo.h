@@ -2,7 +2,7 @@
 // description of its release, read afresh from the host's release files on
 // every call (nothing is cached).
 //
-// The release files are named by an OSReleasePaths value, so that callers
+// The release files are named by a HostPaths value, so that callers
 // other than production (tests, tools) can point the lookups at their own
 // files. All functions use local state only and may be called from any
 // thread.
@@ -11,6 +11,8 @@
 
 #include <cstdint>
 #include <string>
+
+#include "Common/Utility/HostPaths.h"
 
 // Family values of HostOSInfo::type. This build only ever produces
 // HOST_OS_TYPE_LINUX; the others exist for code shared with other platforms.
@@ -27,18 +29,13 @@ struct HostOSInfo {
   char version[256];
 };
 
-// The three release sources, tried in this order; the first that exists is
-// the only one read. The first is read whole, the other two by their first
-// line only.
-struct OSReleasePaths {
-  std::string osRelease = "/etc/os-release";
-  std::string procVersion = "/proc/version";
-  std::string issue = "/etc/issue";
-};
+// The three release sources of HostPaths are tried in order; the first that
+// exists is the only one read. The first is read whole, the other two by
+// their first line only.
 
 // Puts the release text into `text` (cleared first). False when no source
 // exists or the chosen one can't be read.
-bool readOSReleaseText(std::string& text, const OSReleasePaths& paths = OSReleasePaths());
+bool readOSReleaseText(std::string& text, const HostPaths& paths = HostPaths());
 
 // Looks up `key` + "=" anywhere in `text` (the first match wins, with no
 // anchoring at a line start) and puts its value into `value`. A quoted value
@@ -48,13 +45,13 @@ bool getOSField(const std::string& text, const std::string& key, std::string& va
 
 // Fills `info`: type Linux, name "Linux", and the version "NAME VERSION" of
 // the release text, or the four uname fields, or "Unknown".
-void getHostOSInfo(HostOSInfo& info, const OSReleasePaths& paths = OSReleasePaths());
+void getHostOSInfo(HostOSInfo& info, const HostPaths& paths = HostPaths());
 
 // True when getHostOSInfo gives the Linux family, which on this build is
 // always the case.
-bool isLinux(const OSReleasePaths& paths = OSReleasePaths());
+bool isLinux(const HostPaths& paths = HostPaths());
 // The lower-cased release text contains "ubuntu", resp. "red hat".
-bool isUbuntu(const OSReleasePaths& paths = OSReleasePaths());
-bool isRedHat(const OSReleasePaths& paths = OSReleasePaths());
+bool isUbuntu(const HostPaths& paths = HostPaths());
+bool isRedHat(const HostPaths& paths = HostPaths());
 
 #endif  // COMMON_UTILITY_HOSTOSINFO_H_

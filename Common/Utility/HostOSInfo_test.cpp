@@ -19,7 +19,7 @@ class HostFiles {
     m_paths.procVersion = m_dir.Sub("version");
     m_paths.issue = m_dir.Sub("issue");
   }
-  const OSReleasePaths& paths() const { return m_paths; }
+  const HostPaths& paths() const { return m_paths; }
   void osRelease(const std::string& text) {
     ASSERT_TRUE(keeltest::WriteFile(m_paths.osRelease, text));
   }
@@ -30,7 +30,7 @@ class HostFiles {
 
  private:
   keeltest::TempDir m_dir;
-  OSReleasePaths m_paths;
+  HostPaths m_paths;
 };
 
 std::string unameVersion() {
@@ -50,7 +50,7 @@ HostOSInfo filledWithGarbage() {
 }  // namespace
 
 TEST(HostOSRelease, DefaultPathsAreTheHostFiles) {
-  const OSReleasePaths paths;
+  const HostPaths paths;
   EXPECT_EQ("/etc/os-release", paths.osRelease);
   EXPECT_EQ("/proc/version", paths.procVersion);
   EXPECT_EQ("/etc/issue", paths.issue);

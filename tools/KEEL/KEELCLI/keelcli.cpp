@@ -159,7 +159,7 @@ void printVersion() {
   cliPrint("%s\n", notice.c_str());
 }
 
-int parseArguments(int argc, char** argv, bool* exitRequested, DeviceIdPrinter deviceIdPrinter) {
+int parseArguments(int argc, char** argv, bool* exitRequested, const HostPaths& paths) {
   *exitRequested = false;
   for (int i = 1; i < argc; ++i) {
     const char* argument = argv[i];
@@ -182,11 +182,11 @@ int parseArguments(int argc, char** argv, bool* exitRequested, DeviceIdPrinter d
       return 0;
     } else if (strcmp(argument, "-udid") == 0 || strcmp(argument, "-u") == 0) {
       *exitRequested = true;
-      return deviceIdPrinter("sha1");
+      return printDeviceId("sha1", paths);
     } else if (strcmp(argument, "-udid_legacy") == 0 || strcmp(argument, "-ul") == 0) {
       // The legacy identifier is the one hashed with SHA-256.
       *exitRequested = true;
-      return deviceIdPrinter("sha256");
+      return printDeviceId("sha256", paths);
     } else if (strcmp(argument, "-twlogs") == 0) {
       g_twLogs = true;
     } else {
@@ -247,9 +247,9 @@ void runBundleEngine() {
   engine.reset();
 }
 
-int printDeviceId(const char* hashName) {
+int printDeviceId(const char* hashName, const HostPaths& paths) {
   std::string identifier;
-  if (GetDeviceUniqueIDHash(identifier, hashName) != 0) {
+  if (GetDeviceUniqueIDHash(identifier, hashName, paths) != 0) {
     cliPrintError("Error in retrieving device ID information.");
     return 1;
   }

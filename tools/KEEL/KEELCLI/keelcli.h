@@ -13,6 +13,8 @@
 
 #include <string>
 
+#include "Common/Utility/HostPaths.h"
+
 // Process-wide settings of one run.
 extern bool g_cliMode;                // set by initialize; the engine reports to the console
 extern bool g_excludeMsinfo;          // no option turns it on
@@ -35,19 +37,16 @@ void cliPrintError(const char* format, ...) __attribute__((format(printf, 1, 2))
 void printUsage();
 void printVersion();
 
-// Prints the device identifier hashed with `hashName` ("sha1" or "sha256");
-// returns the exit status, 0 or 1.
-int printDeviceId(const char* hashName);
-
-// What -udid and -udid_legacy call; a parameter so that the scan can be
-// exercised without reading the host's disks.
-using DeviceIdPrinter = int (*)(const char* hashName);
+// Prints the device identifier hashed with `hashName` ("sha1" or "sha256"),
+// reading the host's disks through `paths`; returns the exit status, 0 or 1.
+int printDeviceId(const char* hashName, const HostPaths& paths = HostPaths());
 
 // Scans argv[1] .. argv[argc - 1] once, left to right. Sets *exitRequested
 // (false first) when an option did its whole job. The result becomes the
-// exit status when it is not 0 or when *exitRequested is set.
+// exit status when it is not 0 or when *exitRequested is set. -udid and
+// -udid_legacy read the host's disks through `paths`.
 int parseArguments(int argc, char** argv, bool* exitRequested,
-                   DeviceIdPrinter deviceIdPrinter = printDeviceId);
+                   const HostPaths& paths = HostPaths());
 
 // Starts the process-wide services and sets the default bundle location.
 bool initialize();

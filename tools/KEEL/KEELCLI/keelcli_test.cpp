@@ -5,12 +5,15 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "tests/support/CliTexts.h"
+#include "tests/support/FakeDiskHost.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
@@ -97,20 +100,10 @@ class CliTest : public ::testing::Test {
   void TearDown() override { ResetSettings(); }
 };
 
-std::vector<std::string> g_hashesAsked;
-
-int FakeDeviceIdPrinter(const char* hashName) {
-  g_hashesAsked.push_back(hashName);
-  return 7;
-}
+const char kRootUuid[] = "7c3a9e1b-04d2-4f6e-9a5b-0123456789ab";
 
 class ParseArguments : public CliTest {
  protected:
-  void SetUp() override {
-    CliTest::SetUp();
-    g_hashesAsked.clear();
-  }
-
   // Scans "keelcli" followed by `args`; keeps what it printed in `printed`.
   int Parse(const std::vector<std::string>& args) {
     std::vector<std::string> owned{"keelcli"};
@@ -123,13 +116,19 @@ class ParseArguments : public CliTest {
     int status = -1;
     printed = Capture([&] {
       status = parseArguments(static_cast<int>(owned.size()), argv.data(), &exitRequested,
-                              FakeDeviceIdPrinter);
+                              disks->paths());
     });
     return status;
   }
 
+  // What printDeviceId prints for `hashName` on the fake disks.
+  Printed DeviceId(const char* hashName) {
+    return Capture([&] { printDeviceId(hashName, disks->paths()); });
+  }
+
   bool exitRequested = true;
   Printed printed;
+  std::unique_ptr<keeltest::FakeDiskHost> disks{new keeltest::FakeDiskHost(kRootUuid)};
 };
 
 TEST_F(ParseArguments, NoArgumentsReturnsZeroAndClearsExitRequested) {
@@ -235,35 +234,44 @@ TEST_F(ParseArguments, VersionPrintsVersionAndEndsTheScan) {
   }
 }
 
-TEST_F(ParseArguments, UdidAsksForTheSha1Identifier) {
+TEST_F(ParseArguments, UdidPrintsTheSha1Identifier) {
+  const Printed sha1 = DeviceId("sha1");
+  ASSERT_EQ(sha1.out.size(), strlen("UDID : \n\r\n") + 40);
   for (const char* option : {"-udid", "-u"}) {
-    g_hashesAsked.clear();
-    EXPECT_EQ(Parse({option}), 7) << option;  // the printer's status passes through
+    EXPECT_EQ(Parse({option}), 0) << option;
     EXPECT_TRUE(exitRequested) << option;
-    EXPECT_EQ(g_hashesAsked, std::vector<std::string>{"sha1"}) << option;
+    EXPECT_EQ(printed.out, sha1.out) << option;
   }
 }
 
-TEST_F(ParseArguments, UdidLegacyAsksForTheSha256Identifier) {
+TEST_F(ParseArguments, UdidLegacyPrintsTheSha256Identifier) {
+  const Printed sha256 = DeviceId("sha256");
+  ASSERT_EQ(sha256.out.size(), strlen("UDID : \n\r\n") + 64);
   for (const char* option : {"-udid_legacy", "-ul"}) {
-    g_hashesAsked.clear();
-    EXPECT_EQ(Parse({option}), 7) << option;
+    EXPECT_EQ(Parse({option}), 0) << option;
     EXPECT_TRUE(exitRequested) << option;
-    EXPECT_EQ(g_hashesAsked, std::vector<std::string>{"sha256"}) << option;
+    EXPECT_EQ(printed.out, sha256.out) << option;
   }
+}
+
+TEST_F(ParseArguments, UdidWithoutIdentifierEndsWithStatusOne) {
+  disks.reset(new keeltest::FakeDiskHost(""));
+  EXPECT_EQ(Parse({"-u"}), 1);
+  EXPECT_TRUE(exitRequested);
+  EXPECT_EQ(printed.out, "");
 }
 
 TEST_F(ParseArguments, UdidEndsTheScan) {
-  EXPECT_EQ(Parse({"-u", "-twlogs", "-ul", "-bogus"}), 7);
-  EXPECT_EQ(g_hashesAsked, std::vector<std::string>{"sha1"});
+  EXPECT_EQ(Parse({"-u", "-twlogs", "-ul", "-bogus"}), 0);
+  EXPECT_EQ(printed.out, DeviceId("sha1").out);
   EXPECT_FALSE(g_twLogs);
   EXPECT_EQ(printed.err, "");
 }
 
 TEST_F(ParseArguments, UdidAfterClearLogsPrintsTheIdentifierAndEndsTheRun) {
-  EXPECT_EQ(Parse({"-clearlogs", "-u"}), 7);
+  EXPECT_EQ(Parse({"-clearlogs", "-u"}), 0);
   EXPECT_TRUE(exitRequested);  // the entry stops here, so nothing is cleared
-  EXPECT_EQ(g_hashesAsked, std::vector<std::string>{"sha1"});
+  EXPECT_EQ(printed.out, DeviceId("sha1").out);
 }
 
 TEST_F(ParseArguments, HelpAfterClearLogsPrintsUsageAndEndsTheRun) {
@@ -298,7 +306,6 @@ TEST_F(ParseArguments, OptionsAreComparedWholeAndCaseSensitively) {
     EXPECT_EQ(printed.out, "") << "'" << argument << "'";
     EXPECT_EQ(printed.err, kInvalidArguments) << "'" << argument << "'";
   }
-  EXPECT_TRUE(g_hashesAsked.empty());
 }
 
 TEST_F(ParseArguments, UnknownArgumentEndsTheScan) {

@@ -2,6 +2,7 @@
 
 #include <vector>
 
+#include "Common/Utility/HostPaths.h"
 #include "Common/Utility/sysutils.h"
 #include "tools/KEEL/KEELCheck/CommandLine.h"
 #include "tools/KEEL/KEELEngine/implementations/KEELAction.h"
@@ -13,7 +14,9 @@
 
 namespace keelcheck {
 
-const char kWorkingFolder[] = "/tmp/KEEL_Temp_Bundle";
+std::string WorkingFolder() {
+  return HostPaths().workingFolder;
+}
 
 namespace {
 
@@ -30,7 +33,7 @@ std::string FolderBelow(const KEELComponent* component, const std::string& paren
 
 // `path` inside the working folder, without the working folder.
 std::string InBundle(const std::string& path) {
-  const std::string prefix = std::string(kWorkingFolder) + "/";
+  const std::string prefix = WorkingFolder() + "/";
   return path.compare(0, prefix.size(), prefix) == 0 ? path.substr(prefix.size()) : path;
 }
 
@@ -194,7 +197,7 @@ bool WritePlan(const std::string& path, const std::string& shownPath, std::ostre
   // The default selection of a bundle run: default "true" and a block for
   // this system, instructions sorted by id within each group.
   for (KEELComponent* group : collector::getFileGroupComponents(document)) {
-    const std::string groupFolder = FolderBelow(group, kWorkingFolder);
+    const std::string groupFolder = FolderBelow(group, WorkingFolder());
     std::vector<KEELComponent*> files = collector::getFileGroupFileComponents(group);
     collector::sortById(files);
     for (KEELComponent* file : files) {

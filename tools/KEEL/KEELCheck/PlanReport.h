@@ -23,7 +23,7 @@ struct PlanTotals {
 
 // The working folder that a bundle run fills, as [BUNDLE_DIR] and the
 // output files of programs name it.
-extern const char kWorkingFolder[];
+std::string WorkingFolder();
 
 // Writes the plan of the file at `path`, headed by `shownPath`, and adds to
 // `totals`. False when the tool's loader refuses the file (a line says so).

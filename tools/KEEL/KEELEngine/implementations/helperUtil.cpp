@@ -101,11 +101,8 @@ std::string helperUtil::toAbsolutePath(const std::string& path) {
   return path;
 }
 
-std::string helperUtil::getInstallFolder() {
-  return getInstallFolder("/proc/" + std::to_string(getpid()) + "/exe");
-}
-
-std::string helperUtil::getInstallFolder(const std::string& exeLink) {
+std::string helperUtil::getInstallFolder(const HostPaths& paths) {
+  const std::string exeLink = paths.procRoot + "/" + std::to_string(getpid()) + "/exe";
   char target[2048];
   const ssize_t length = readlink(exeLink.c_str(), target, sizeof(target) - 1);
   if (length < 0)

@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "Common/Result/ResultCode.h"
+#include "Common/Utility/HostPaths.h"
 
 class XMLObject;
 struct HostOSInfo;
@@ -74,10 +75,8 @@ class helperUtil {
   // elsewhere ("a/b", "../x", "/x") is returned unchanged.
   static std::string toAbsolutePath(const std::string& path);
   // Folder of the running program with a trailing "/", read from
-  // /proc/<pid>/exe; "/opt/velon/tesselclient/keel/" when that fails.
-  static std::string getInstallFolder();
-  // The same, from the given link (a /proc/<pid>/exe or a stand-in).
-  static std::string getInstallFolder(const std::string& exeLink);
+  // <procRoot>/<pid>/exe; "/opt/velon/tesselclient/keel/" when that fails.
+  static std::string getInstallFolder(const HostPaths& paths = HostPaths());
   // `base` (or getInstallFolder() when empty), "/" and "xml/config/".
   static std::string getConfigFolder(const std::string& base = std::string());
   // The XDG desktop entry with a "/" appended, or the literal

@@ -1,6 +1,7 @@
 // Path translation and host lookups of helperUtil.
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -219,23 +220,49 @@ TEST(InstallFolder, IsTheFolderOfThisProgram) {
   EXPECT_EQ(keeltest::BuildDir() + "/", helperUtil::getInstallFolder());
 }
 
+// A stand-in process table holding this process's folder, and the paths
+// that name it.
+class FakeProcessTable {
+ public:
+  FakeProcessTable() {
+    m_paths.procRoot = m_dir.path();
+    m_own = m_dir.Sub(std::to_string(getpid()));
+  }
+  const HostPaths& paths() const { return m_paths; }
+  // This process's exe entry, its folder made.
+  std::string Exe() {
+    mkdir(m_own.c_str(), 0700);
+    return m_own + "/exe";
+  }
+  // This process's folder as a link to another one.
+  bool LinkOwnFolderTo(const std::string& target) {
+    return symlink(target.c_str(), m_own.c_str()) == 0;
+  }
+
+ private:
+  keeltest::TempDir m_dir;
+  HostPaths m_paths;
+  std::string m_own;
+};
+
 TEST(InstallFolder, TakesLinkTextUpToLastSlash) {
-  keeltest::TempDir dir;
-  ASSERT_EQ(0, symlink("/opt/some where/bin/prog", dir.Sub("exe").c_str()));
-  EXPECT_EQ("/opt/some where/bin/", helperUtil::getInstallFolder(dir.Sub("exe")));
+  FakeProcessTable table;
+  ASSERT_EQ(0, symlink("/opt/some where/bin/prog", table.Exe().c_str()));
+  EXPECT_EQ("/opt/some where/bin/", helperUtil::getInstallFolder(table.paths()));
 }
 
 TEST(InstallFolder, UnreadableLinkGivesFixedFolder) {
-  keeltest::TempDir dir;
-  EXPECT_EQ("/opt/velon/tesselclient/keel/", helperUtil::getInstallFolder(dir.Sub("missing")));
-  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("plain"), "not a link"));
-  EXPECT_EQ("/opt/velon/tesselclient/keel/", helperUtil::getInstallFolder(dir.Sub("plain")));
+  FakeProcessTable missing;
+  EXPECT_EQ("/opt/velon/tesselclient/keel/", helperUtil::getInstallFolder(missing.paths()));
+  FakeProcessTable plain;
+  ASSERT_TRUE(keeltest::WriteFile(plain.Exe(), "not a link"));
+  EXPECT_EQ("/opt/velon/tesselclient/keel/", helperUtil::getInstallFolder(plain.paths()));
 }
 
 TEST(InstallFolder, LinkTextWithoutSlashGivesEmpty) {
-  keeltest::TempDir dir;
-  ASSERT_EQ(0, symlink("prog", dir.Sub("exe").c_str()));
-  EXPECT_EQ("", helperUtil::getInstallFolder(dir.Sub("exe")));
+  FakeProcessTable table;
+  ASSERT_EQ(0, symlink("prog", table.Exe().c_str()));
+  EXPECT_EQ("", helperUtil::getInstallFolder(table.paths()));
 }
 
 TEST(InstallFolder, ProgramStartedThroughSymlinkGivesTargetFolder) {
@@ -250,11 +277,13 @@ TEST(InstallFolder, ProgramStartedThroughSymlinkGivesTargetFolder) {
     execl(link.c_str(), "sleeper", "30", static_cast<char*>(nullptr));
     _exit(127);
   }
-  // Wait until the child runs the program rather than this test's image.
-  const std::string exeLink = "/proc/" + std::to_string(child) + "/exe";
+  // The stand-in table shows the child's entry as this process's own. Wait
+  // until the child runs the program rather than this test's image.
+  FakeProcessTable table;
+  ASSERT_TRUE(table.LinkOwnFolderTo("/proc/" + std::to_string(child)));
   std::string folder;
   for (int i = 0; i < 500; ++i) {
-    folder = helperUtil::getInstallFolder(exeLink);
+    folder = helperUtil::getInstallFolder(table.paths());
     if (folder != keeltest::BuildDir() + "/")
       break;
     usleep(10000);

@@ -1,0 +1,30 @@
+// A host's disks in a temporary folder, for the device identifier: a mount
+// table whose root file system is the device "sda2", and a by-uuid folder
+// with a link for another device and, unless `uuid` is empty, one named
+// `uuid` for sda2.
+#ifndef TESTS_SUPPORT_FAKEDISKHOST_H_
+#define TESTS_SUPPORT_FAKEDISKHOST_H_
+
+#include <string>
+
+#include "Common/Utility/HostPaths.h"
+#include "tests/support/TestSupport.h"
+
+namespace keeltest {
+
+class FakeDiskHost {
+ public:
+  explicit FakeDiskHost(const std::string& uuid);
+  FakeDiskHost(const FakeDiskHost&) = delete;
+  FakeDiskHost& operator=(const FakeDiskHost&) = delete;
+  // Paths whose mount table and by-uuid folder are the fake ones.
+  const HostPaths& paths() const { return m_paths; }
+
+ private:
+  TempDir m_dir;
+  HostPaths m_paths;
+};
+
+}  // namespace keeltest
+
+#endif  // TESTS_SUPPORT_FAKEDISKHOST_H_
