@@ -3,6 +3,7 @@
 // command.
 #include "tools/KEEL/KEELEngine/implementations/KEELAction.h"
 
+#include <ctime>
 #include <fstream>
 #include <mutex>
 #include <utility>
@@ -10,7 +11,7 @@
 
 #include "Common/IPC/ProcessAPI_unix.h"
 #include "Common/Log/Log.h"
-#include "Common/Utility/CommandShell.h"
+#include "tools/KEEL/KEELEngine/implementations/Env.h"
 #include "tools/KEEL/KEELEngine/implementations/helperUtil.h"
 #include "tools/KEEL/KEELEngine/implementations/parser/KEELComponent.h"
 #include "tools/KEEL/KEELEngine/implementations/parser/XMLObject.h"
@@ -58,7 +59,7 @@ KEELAction::KEELAction(const ActionSettings& settings, KEELComponent* configNode
       m_auxValue(settings.m_auxValue),
       m_pXMLSummary(settings.m_pXMLSummary),
       m_isAdmin(isAdmin),
-      m_activityClock(::clock) {}
+      m_pEnv(settings.m_pEnv != nullptr ? settings.m_pEnv : Env::Default()) {}
 
 KEELAction::~KEELAction() {
   // No program outlives its action.
@@ -289,7 +290,7 @@ ResultCode KEELAction::callExtern(const std::string& path, const std::string& co
     }
     m_pProcessApi.reset();
   }
-  m_pProcessApi.reset(new CProcessApi());
+  m_pProcessApi = m_pEnv->newProcessApi();
 
   std::ofstream output;
   ResultCode result = 0;
@@ -321,7 +322,7 @@ ResultCode KEELAction::runInShell(const std::string& path, const std::string& co
   std::string command = commandLine;
   if (!path.empty() && (commandLine.empty() || commandLine[0] != '/'))
     command = path + "/" + commandLine;
-  const ResultCode result = CCommandShell(command.c_str()).Execute(output);
+  const ResultCode result = m_pEnv->runShell(command, output);
   if (result != 0)
     KLOG_RC(LOG_LEVEL_E, "CCommandShell::Execute", result);
   return result;
@@ -360,7 +361,7 @@ ResultCode KEELAction::watch(const std::string& commandLine) {
   const std::string first = firstWord(commandLine);
   std::string text = "Processing " + m_description + "...";
   ResultCode result = 0;
-  const clock_t start = m_activityClock();
+  const clock_t start = m_pEnv->processorClock();
   while (m_pProcessApi->PollProcess(m_pid) == 0) {
     // The exit code does not matter: a program that ended has done its part.
     int32_t exitCode = 0;
@@ -375,7 +376,7 @@ ResultCode KEELAction::watch(const std::string& commandLine) {
       helperUtil::reportStatus(helperUtil::progressOf(helperUtil::getDoneCount()), text,
                                KEELOFFLINE_ERROR_PROCESSING);
     }
-    const clock_t spent = m_activityClock() - start;
+    const clock_t spent = m_pEnv->processorClock() - start;
     if (spent > kActivityLimit) {
       KLOG_E("Executable %s timed out after %d seconds of activity.", first.c_str(),
              static_cast<int>(spent / kClockPerSecond));

@@ -7,13 +7,11 @@
 // folder; KEELClearLogsAction removes what instructions mark as clearable.
 //
 // An action is built on the stack of one collector job, lives through one
-// Perform and never moves between threads. It does not own the config node
-// or the summary document.
+// Perform and never moves between threads. It does not own the config node,
+// the summary document or the Env through which it starts programs.
 #ifndef TOOLS_KEEL_KEELENGINE_IMPLEMENTATIONS_KEELACTION_H_
 #define TOOLS_KEEL_KEELENGINE_IMPLEMENTATIONS_KEELACTION_H_
 
-#include <ctime>
-#include <functional>
 #include <iosfwd>
 #include <list>
 #include <memory>
@@ -24,6 +22,7 @@
 #include "tools/KEEL/KEELEngine/implementations/KEELTypes.h"
 
 class CProcessApi;
+class Env;
 class KEELComponent;
 class XMLObject;
 
@@ -60,10 +59,6 @@ struct ExternalActionAttributes {
 
 class KEELAction {
  public:
-  // The processor-time clock that limits an external program's run; a seam
-  // so that the limit's rule can be driven without waiting.
-  typedef std::function<clock_t()> ActivityClock;
-
   KEELAction(const ActionSettings& settings, KEELComponent* configNode, bool isAdmin);
   // Stops a program this action launched before releasing the launcher.
   virtual ~KEELAction();
@@ -89,8 +84,6 @@ class KEELAction {
   static ResultCode parseExternalActionAttributes(XMLObject& subtree, bool isAdmin,
                                                   ExternalActionAttributes& out);
 
-  void setActivityClock(ActivityClock clock) { m_activityClock = std::move(clock); }
-
  protected:
   // Runs one command line, in the shell form (output appended to
   // `outputFile` under a banner) or the launch form, and watches it.
@@ -113,7 +106,8 @@ class KEELAction {
   uint32_t m_auxValue;
   XMLObject* m_pXMLSummary;
   bool m_isAdmin;
-  ActivityClock m_activityClock;
+  // Starts the programs and keeps the processor-time clock; not owned.
+  Env* m_pEnv;
 
  private:
   // The parts of callExtern: the shell form, which appends to `output`;

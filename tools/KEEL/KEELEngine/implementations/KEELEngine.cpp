@@ -14,14 +14,13 @@
 #include "Common/Utility/Thread.h"
 #include "Common/Utility/sysutils.h"
 #include "Common/Zip/CZip.h"
+#include "tools/KEEL/KEELEngine/implementations/Env.h"
 #include "tools/KEEL/KEELEngine/implementations/KEELWorkingFolder.h"
 #include "tools/KEEL/KEELEngine/implementations/collector.h"
 #include "tools/KEEL/KEELEngine/implementations/helperUtil.h"
 #include "tools/KEEL/KEELEngine/implementations/parser/KEELComponent.h"
 #include "tools/KEEL/KEELEngine/implementations/parser/KEELXmlLoader.h"
 #include "tools/KEEL/KEELEngine/implementations/parser/XMLObject.h"
-
-const char KEELEngine::kDefaultTempFolder[] = "/tmp/KEEL_Temp_Bundle";
 
 namespace {
 
@@ -43,12 +42,12 @@ const char kSummaryWriteFailedText[] = "Internal Error: failed to write the bund
 
 KEELEngine::KEELEngine(const std::string& requestFile, const std::string& configFolder,
                        const std::string& bundlePath, const std::string& archivePassword,
-                       bool clearMode, bool includeLegacyLogs, bool includeSystemLogs,
-                       const std::string& workingFolder)
-    : clearMode(clearMode),
+                       bool clearMode, bool includeLegacyLogs, bool includeSystemLogs, Env* env)
+    : env(env != nullptr ? env : Env::Default()),
+      clearMode(clearMode),
       requestFile(requestFile),
       configFolder(configFolder),
-      tempFolder(helperUtil::translatePath(workingFolder)),
+      tempFolder(helperUtil::translatePath(this->env->paths().workingFolder)),
       bundlePath(bundlePath),
       archivePassword(archivePassword),
       includeSystemLogs(includeSystemLogs),
@@ -85,7 +84,7 @@ ResultCode KEELEngine::fail(ResultCode code, const std::string& message) {
 
 std::shared_ptr<collector> KEELEngine::makeCollector() {
   return std::make_shared<collector>(request, &unprocessedIds, bundlePath, includeLegacyLogs,
-                                     includeSystemLogs);
+                                     includeSystemLogs, env);
 }
 
 ResultCode KEELEngine::loadRequest() {
@@ -300,8 +299,8 @@ ResultCode KEELEngine::clearLogs() {
   }
   helperUtil::setConfigCount(static_cast<uint32_t>(configDocs.size()));
   if (!clearCollector) {
-    clearCollector.reset(
-        new collector(request, &unprocessedIds, bundlePath, includeLegacyLogs, includeSystemLogs));
+    clearCollector.reset(new collector(request, &unprocessedIds, bundlePath, includeLegacyLogs,
+                                       includeSystemLogs, env));
   }
   for (XMLObject* document : configDocs) {
     if (document != nullptr)

@@ -8,7 +8,8 @@
 //
 // The engine is held by a shared pointer: every queued job of the pool keeps
 // it alive. It owns the parsed config documents, its loaders and the empty
-// request document. run() is called once, from the main thread; only
+// request document; the Env it is given belongs to the caller and is shared
+// with every collector and action. run() is called once, from the main thread; only
 // collectLog runs on pool threads, and it touches the failed list under
 // failedListLock, the done count atomically, the status channel under the
 // status lock, and the summary-failure flag atomically.
@@ -32,19 +33,18 @@
 class KEELComponent;
 class KEELXmlLoader;
 class XMLObject;
+class Env;
 class collector;
 class KEELWorkingFolder;
 
 class KEELEngine : public std::enable_shared_from_this<KEELEngine> {
  public:
-  // The working folder of a run, before a fresh name is needed.
-  static const char kDefaultTempFolder[];
-
-  // `workingFolder` is where the run works; the tool passes the default.
+  // `env` is the host the run works on (its working folder, clocks and
+  // programs); not owned, it must outlive the engine. Null means
+  // Env::Default().
   KEELEngine(const std::string& requestFile, const std::string& configFolder,
              const std::string& bundlePath, const std::string& archivePassword, bool clearMode,
-             bool includeLegacyLogs, bool includeSystemLogs,
-             const std::string& workingFolder = kDefaultTempFolder);
+             bool includeLegacyLogs, bool includeSystemLogs, Env* env = nullptr);
   ~KEELEngine();
 
   KEELEngine(const KEELEngine&) = delete;
@@ -82,6 +82,7 @@ class KEELEngine : public std::enable_shared_from_this<KEELEngine> {
   ResultCode prepareWorkingFolder();
   std::shared_ptr<collector> makeCollector();
 
+  Env* env;
   bool clearMode;
   std::unique_ptr<collector> clearCollector;
   std::unique_ptr<KEELXmlLoader> configMgr;

@@ -3,18 +3,29 @@
 #include <signal.h>
 #include <sys/resource.h>
 
+#include <memory>
 #include <regex>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "tests/support/FakeEnv.h"
 #include "tests/support/TestSupport.h"
 #include "tools/KEEL/KEELEngine/implementations/helperUtil.h"
 #include "tools/KEEL/KEELEngine/implementations/parser/KEELXmlLoader.h"
 #include "tools/KEEL/KEELEngine/implementations/parser/XMLObject.h"
 
 namespace {
+
+// A host whose working folder is `folder`. Each test runs in a process of
+// its own, so the hosts simply live until it ends.
+keeltest::FakeEnv* WorkingIn(const std::string& folder) {
+  static std::vector<std::unique_ptr<keeltest::FakeEnv>> hosts;
+  hosts.emplace_back(new keeltest::FakeEnv());
+  hosts.back()->EditPaths().workingFolder = folder;
+  return hosts.back().get();
+}
 
 using keeltest::ListDir;
 using keeltest::PathExists;
@@ -59,7 +70,7 @@ class EngineTest : public ::testing::Test {
 
   std::shared_ptr<KEELEngine> Engine(const std::string& bundle, bool clear = false) {
     return std::make_shared<KEELEngine>("", dir.Sub("install"), bundle, "", clear, false, true,
-                                        dir.Sub("work/KEEL_Temp_Bundle"));
+                                        WorkingIn(dir.Sub("work/KEEL_Temp_Bundle")));
   }
 
   // Runs the engine and returns what it printed.
@@ -83,7 +94,7 @@ TEST(EnginePool, SizeIsTheHardwareConcurrencyCappedAtSix) {
 TEST(EnginePool, NullEntryUsesUpAnIndex) {
   TempDir dir;
   auto engine = std::make_shared<KEELEngine>("", dir.path(), dir.Sub("b.zip"), "", false, false,
-                                             true, dir.Sub("w"));
+                                             true, WorkingIn(dir.Sub("w")));
   // With no request loaded, every collector fails: the groups are named.
   engine->adoptConfigDocument(nullptr);
   engine->adoptConfigDocument(Parse("<c><fileGroup/></c>"));
@@ -94,7 +105,7 @@ TEST(EnginePool, NullEntryUsesUpAnIndex) {
 TEST(EnginePool, FailedConfigNamesEachGroupByTitle) {
   TempDir dir;
   auto engine = std::make_shared<KEELEngine>("", dir.path(), dir.Sub("b.zip"), "", false, false,
-                                             true, dir.Sub("w"));
+                                             true, WorkingIn(dir.Sub("w")));
   engine->adoptConfigDocument(
       Parse("<c><fileGroup><title>One</title></fileGroup><fileGroup><title>Two</title>"
             "</fileGroup><fileGroup><title>Three</title></fileGroup></c>"));
@@ -107,7 +118,7 @@ TEST(EnginePool, FailedConfigNamesEachGroupByTitle) {
 TEST(EnginePool, FailedConfigWithoutGroupsAddsNothingButCountsAsDone) {
   TempDir dir;
   auto engine = std::make_shared<KEELEngine>("", dir.path(), dir.Sub("b.zip"), "", false, false,
-                                             true, dir.Sub("w"));
+                                             true, WorkingIn(dir.Sub("w")));
   engine->adoptConfigDocument(Parse("<c><other/></c>"));
   const int32_t before = helperUtil::getDoneCount();
   engine->collectAll(1);
@@ -118,7 +129,7 @@ TEST(EnginePool, FailedConfigWithoutGroupsAddsNothingButCountsAsDone) {
 TEST(EnginePool, OneThreadRunsJobsStrictlyInListOrder) {
   TempDir dir;
   auto engine = std::make_shared<KEELEngine>("", dir.path(), dir.Sub("b.zip"), "", false, false,
-                                             true, dir.Sub("w"));
+                                             true, WorkingIn(dir.Sub("w")));
   for (int i = 0; i < 5; ++i) {
     engine->adoptConfigDocument(
         Parse("<c><fileGroup><title>G" + std::to_string(i) + "</title></fileGroup></c>"));
@@ -130,7 +141,7 @@ TEST(EnginePool, OneThreadRunsJobsStrictlyInListOrder) {
 TEST(EnginePoolConcurrency, ManyJobsOnSixThreadsAllCount) {
   TempDir dir;
   auto engine = std::make_shared<KEELEngine>("", dir.path(), dir.Sub("b.zip"), "", false, false,
-                                             true, dir.Sub("w"));
+                                             true, WorkingIn(dir.Sub("w")));
   for (int i = 0; i < 24; ++i) {
     engine->adoptConfigDocument(Parse("<c><fileGroup/><fileGroup/></c>"));
   }
@@ -288,7 +299,7 @@ TEST_F(EngineTest, RequestRenamingTheSummaryLeavesTheTailInSummaryTxt) {
                         "</file></request>"));
   auto engine = std::make_shared<KEELEngine>(dir.Sub("request.xml"), dir.Sub("install"),
                                              dir.Sub("bundle.zip"), "", false, false, true,
-                                             dir.Sub("work/KEEL_Temp_Bundle"));
+                                             WorkingIn(dir.Sub("work/KEEL_Temp_Bundle")));
   ResultCode result = 1;
   RunEngine(engine, &result);
   ASSERT_EQ(result, 0u);
@@ -306,7 +317,7 @@ TEST_F(EngineTest, UnusableRequestFileStopsTheRun) {
   ASSERT_TRUE(WriteFile(dir.Sub("request.xml"), "<request>"));
   auto engine = std::make_shared<KEELEngine>(dir.Sub("request.xml"), dir.Sub("install"),
                                              dir.Sub("bundle.zip"), "", false, false, true,
-                                             dir.Sub("work/KEEL_Temp_Bundle"));
+                                             WorkingIn(dir.Sub("work/KEEL_Temp_Bundle")));
   ResultCode result = 0;
   const std::string out = RunEngine(engine, &result);
   EXPECT_EQ(result, KEELENGINE_ERROR_INVALID_XML);
@@ -322,7 +333,7 @@ TEST(EngineSummaryTail, TailThatCannotBeWrittenWholeIsAWriteFailure) {
   const std::string summary = dir.Sub("summary.txt");
   ASSERT_TRUE(keeltest::WriteFile(summary, std::string(4096, 's')));
   auto engine = std::make_shared<KEELEngine>("", dir.path(), dir.Sub("b.zip"), "", false, false,
-                                             true, dir.Sub("work"));
+                                             true, WorkingIn(dir.Sub("work")));
   EXPECT_EQ(0u, engine->writeFailedFilesToSummary(summary));
   const int answer = keeltest::RunInChild([&] {
     signal(SIGXFSZ, SIG_IGN);

@@ -17,6 +17,7 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/FakeEnv.h"
 #include "tests/support/TestSupport.h"
 #include "tools/KEEL/KEELEngine/implementations/KEELAction.h"
 #include "tools/KEEL/KEELEngine/implementations/KEELAction_testsupport.h"
@@ -43,14 +44,6 @@ class OpenAction : public KEELCollectLogsAction {
   using KEELAction::callExtern;
 };
 
-// A clock that answers `first` once and `later` ever after, and counts.
-struct SteppingClock {
-  clock_t first;
-  clock_t later;
-  std::shared_ptr<std::atomic<int>> calls = std::make_shared<std::atomic<int>>(0);
-  clock_t operator()() const { return (*calls)++ == 0 ? first : later; }
-};
-
 class CollectExternalAction : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -73,16 +66,12 @@ class CollectExternalAction : public ::testing::Test {
 
   // Runs Perform over one use_extern_action group holding `actions`.
   TruncAttrsList Collect(const std::string& actions, const std::string& bundleName = "",
-                         KEELAction::ActivityClock clock = nullptr,
                          const std::string& bundle = "") {
     ParsedXml config("<os opsys=\"linux\"><use_extern_action>" + actions +
                      "</use_extern_action></os>");
     EXPECT_TRUE(config.ok()) << actions;
-    KEELCollectLogsAction action(
-        actiontest::MakeSettings(bundle.empty() ? m_bundle : bundle, m_summary.get(), bundleName),
-        config.root(), false);
-    if (clock)
-      action.setActivityClock(clock);
+    KEELCollectLogsAction action(Settings(bundle.empty() ? m_bundle : bundle, bundleName),
+                                 config.root(), false);
     TruncAttrsList records;
     action.Perform(records);
     return records;
@@ -90,19 +79,22 @@ class CollectExternalAction : public ::testing::Test {
 
   // Runs the handler directly on one action element, for its result code.
   ResultCode External(const std::string& actionXml, TruncAttrsList& records,
-                      std::list<std::string>& deleteList,
-                      KEELAction::ActivityClock clock = nullptr) {
+                      std::list<std::string>& deleteList) {
     ParsedXml parsed(actionXml);
     EXPECT_TRUE(parsed.ok()) << actionXml;
     XMLObject subtree(parsed.root());
-    KEELCollectLogsAction action(actiontest::MakeSettings(m_bundle, m_summary.get()), parsed.root(),
-                                 false);
-    if (clock)
-      action.setActivityClock(clock);
+    KEELCollectLogsAction action(Settings(m_bundle), parsed.root(), false);
     return action.performExternalAction(subtree, records, deleteList);
   }
 
   std::string PathElement() const { return "<path>" + m_bin + "</path>"; }
+
+  // The settings of the test's instruction, on the test's host.
+  ActionSettings Settings(const std::string& bundle, const std::string& bundleName = "") {
+    ActionSettings settings = actiontest::MakeSettings(bundle, m_summary.get(), bundleName);
+    settings.m_pEnv = &m_env;
+    return settings;
+  }
 
   static void ExpectRecord(const TruncAttrs& record, const std::string& path) {
     EXPECT_EQ("id-1", record.id);
@@ -117,6 +109,7 @@ class CollectExternalAction : public ::testing::Test {
   std::vector<Omitted> omitted() const { return OmittedFiles(*m_summary); }
 
   keeltest::LogCapture m_capture;
+  keeltest::FakeEnv m_env;
   keeltest::TempDir m_tmp;
   std::unique_ptr<XMLObject> m_summary = actiontest::MakeSummary();
   std::string m_bundle;
@@ -403,7 +396,7 @@ TEST_F(CollectExternalAction, UnopenableOutputSkipsTheBannerButRuns) {
       Collect("<action>" + PathElement() +
                   "<args>side.sh</args><temp_out>o.txt</temp_out><stdout/>"
                   "</action>",
-              "", nullptr, missing);
+              "", missing);
   EXPECT_EQ("side\n", keeltest::ReadFile(marker));
   EXPECT_FALSE(keeltest::PathExists(missing));
   ASSERT_EQ(1u, records.size());
@@ -553,42 +546,116 @@ TEST_F(ActionCallExtern, ProgressIsReportedWhileItRuns) {
 TEST_F(ExternalActionTimeLimit, AboveTheLimitTheProgramIsStopped) {
   ASSERT_TRUE(actiontest::WriteScript(
       m_bin + "/slow.sh", "echo partial > '" + m_bundle + "/slow.txt'\nexec sleep 60\n"));
-  SteppingClock clock{1000, 1000 + 1200000000};
+  m_env.SetClock({1000, 1000 + 1200000000});
   TruncAttrsList records;
   std::list<std::string> deleteList;
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(KEELENGINE_ERROR_EXTERN_ACTION_TIMEOUT,
             External("<action>" + PathElement() +
                          "<args>slow.sh --wait</args><temp_out>slow.txt</temp_out></action>",
-                     records, deleteList, clock));
+                     records, deleteList));
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
   EXPECT_TRUE(m_capture.Contains("\nExecutable slow.sh timed out after 1200 seconds of activity."));
   EXPECT_TRUE(records.empty());
   EXPECT_TRUE(omitted().empty());
   // What was written so far stays in the working folder, unlisted.
   EXPECT_EQ("partial\n", keeltest::ReadFile(m_bundle + "/slow.txt"));
-  EXPECT_EQ(2, clock.calls->load());
+  EXPECT_EQ(2, m_env.ClockCalls());
 }
 
 TEST_F(ExternalActionTimeLimit, AtTheLimitTheProgramRunsOn) {
   ASSERT_TRUE(actiontest::WriteScript(m_bin + "/slow.sh",
                                       "sleep 1.2\necho finished > '" + m_bundle + "/slow.txt'\n"));
-  SteppingClock clock{0, 1199999999};
+  m_env.SetClock({0, 1199999999});
   const TruncAttrsList records = Collect(
-      "<action>" + PathElement() + "<args>slow.sh</args><temp_out>slow.txt</temp_out></action>", "",
-      clock);
+      "<action>" + PathElement() + "<args>slow.sh</args><temp_out>slow.txt</temp_out></action>");
   ASSERT_EQ(1u, records.size());
   ExpectRecord(records.front(), m_bundle + "/slow.txt");
   EXPECT_EQ("finished\n", keeltest::ReadFile(m_bundle + "/slow.txt"));
-  EXPECT_GE(clock.calls->load(), 3);
+  EXPECT_GE(m_env.ClockCalls(), 3);
   EXPECT_FALSE(m_capture.Contains("timed out"));
 }
 
 TEST_F(ExternalActionTimeLimit, ShellFormEndsBeforeTheLimitIsAsked) {
-  SteppingClock clock{0, 2000000000};
+  m_env.SetClock({0, 2000000000});
   const TruncAttrsList records =
-      Collect("<action>" + PathElement() + "<args>hello.sh</args><stdout/></action>", "", clock);
+      Collect("<action>" + PathElement() + "<args>hello.sh</args><stdout/></action>");
   ASSERT_EQ(1u, records.size());
-  EXPECT_EQ(1, clock.calls->load());
+  EXPECT_EQ(1, m_env.ClockCalls());
   EXPECT_FALSE(m_capture.Contains("timed out"));
+}
+
+// ---- the same cases through a fake launcher -------------------------------------------------
+
+// Each case gives the summary row, records and result code that the real
+// launcher gives in the same case (the tests above).
+class FakeLauncherAction : public CollectExternalAction {
+ protected:
+  void SetUp() override {
+    CollectExternalAction::SetUp();
+    m_programs = m_env.UseFakePrograms();
+  }
+
+  // Runs the launch form of "prog.sh --now" with its output in o.txt.
+  ResultCode RunProgram(TruncAttrsList& records) {
+    std::list<std::string> deleteList;
+    return External("<action>" + PathElement() +
+                        "<args>prog.sh --now</args><temp_out>o.txt</temp_out></action>",
+                    records, deleteList);
+  }
+
+  std::shared_ptr<keeltest::FakePrograms> m_programs;
+};
+
+TEST_F(FakeLauncherAction, ProgramThatFailsToStartIsOmittedAsFailedToExecute) {
+  m_programs->launchResult = PROCESS_API_ERROR_UNKNOWN;
+  TruncAttrsList records;
+  EXPECT_EQ(PROCESS_API_ERROR_UNKNOWN, RunProgram(records));
+  EXPECT_TRUE(records.empty());
+  EXPECT_EQ((std::vector<Omitted>{{"id-1", "N/A", "Test logs", "Failed to execute prog.sh"}}),
+            omitted());
+  EXPECT_TRUE(m_capture.Contains("Invoked Function: CProcessApi::Launch\n"));
+  EXPECT_EQ((std::vector<std::vector<std::string>>{{"prog.sh", "--now"}}), m_programs->launched);
+  EXPECT_EQ((std::vector<std::string>{m_bin}), m_programs->launchFolders);
+  EXPECT_TRUE(m_programs->killed.empty());
+}
+
+TEST_F(FakeLauncherAction, ProgramEndedBySignalLeavesNoRowAndNoRecord) {
+  m_programs->runningPolls = 1;
+  m_programs->waitResult = PROCESS_API_ERROR_WAIT_TIMEOUT;
+  TruncAttrsList records;
+  EXPECT_EQ(PROCESS_API_ERROR_WAIT_TIMEOUT, RunProgram(records));
+  EXPECT_TRUE(records.empty());
+  EXPECT_TRUE(omitted().empty());
+  EXPECT_TRUE(m_capture.Contains("Invoked Function: KEELAction::callExtern\n"));
+  EXPECT_EQ(2, m_programs->polls);
+  // Only the action's closing check, that no program outlives it.
+  EXPECT_EQ((std::vector<int32_t>{keeltest::FakeProcessApi::kFakePid}), m_programs->killed);
+}
+
+TEST_F(FakeLauncherAction, ProgramPastTheTimeLimitIsKilledAndLeavesNoRow) {
+  m_programs->runningPolls = -1;
+  m_env.SetClock({1000, 1000 + 1200000000});
+  TruncAttrsList records;
+  EXPECT_EQ(KEELENGINE_ERROR_EXTERN_ACTION_TIMEOUT, RunProgram(records));
+  EXPECT_TRUE(records.empty());
+  EXPECT_TRUE(omitted().empty());
+  EXPECT_TRUE(m_capture.Contains("\nExecutable prog.sh timed out after 1200 seconds of activity."));
+  // Stopped by the watch, then once more by the action's closing check.
+  EXPECT_EQ((std::vector<int32_t>{keeltest::FakeProcessApi::kFakePid,
+                                  keeltest::FakeProcessApi::kFakePid}),
+            m_programs->killed);
+  EXPECT_EQ(2, m_env.ClockCalls());
+}
+
+TEST_F(FakeLauncherAction, ProgramThatEndsInTimeIsRecorded) {
+  m_programs->runningPolls = 2;
+  m_programs->waitResult = 0;
+  ASSERT_TRUE(keeltest::WriteFile(m_bundle + "/o.txt", "written\n"));
+  TruncAttrsList records;
+  EXPECT_EQ(0u, RunProgram(records));
+  ASSERT_EQ(1u, records.size());
+  ExpectRecord(records.front(), m_bundle + "/o.txt");
+  EXPECT_TRUE(omitted().empty());
+  EXPECT_EQ(3, m_programs->polls);
 }

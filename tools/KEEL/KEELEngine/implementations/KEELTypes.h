@@ -7,6 +7,7 @@
 #include <list>
 #include <string>
 
+class Env;
 class XMLObject;
 
 // How the files of one file ID may be cut to fit its allowance.
@@ -41,6 +42,7 @@ struct ActionSettings {
   double m_truncateLimit = 0.0;
   uint32_t m_auxValue = 0;             // kept for documents; read by nothing
   XMLObject* m_pXMLSummary = nullptr;  // the collector's summary; not owned
+  Env* m_pEnv = nullptr;               // the host; not owned; null for Env::Default()
 };
 
 #endif  // TOOLS_KEEL_KEELENGINE_IMPLEMENTATIONS_KEELTYPES_H_

@@ -10,6 +10,7 @@
 #include "Common/Utility/HostOSInfo.h"
 #include "Common/Utility/Thread.h"
 #include "Common/Utility/sysutils.h"
+#include "tools/KEEL/KEELEngine/implementations/Env.h"
 #include "tools/KEEL/KEELEngine/implementations/KEELAction.h"
 #include "tools/KEEL/KEELEngine/implementations/helperUtil.h"
 #include "tools/KEEL/KEELEngine/implementations/parser/KEELComponent.h"
@@ -18,7 +19,6 @@
 
 namespace {
 
-const char kDefaultTempFolder[] = "/tmp/KEEL_Temp_Bundle";
 const char kLegacyGroupName[] = "Legacy - Velon Tidewalker Tessel Mobility Client";
 const char kKeelConst[] = "keel";
 
@@ -41,11 +41,6 @@ const std::string& Rule(char c) {
 // Once-only flags of the process: the head of summary.txt and the comments.
 std::once_flag g_summaryHeadOnce;
 std::once_flag g_commentsOnce;
-
-const SummaryHost& DefaultSummaryHost() {
-  static const SummaryHost host;
-  return host;
-}
 
 std::string AttributeValue(KEELComponent* component, const char* name) {
   return component != nullptr ? component->GetAttributeValue(name) : std::string();
@@ -80,28 +75,16 @@ bool IsSystemLogId(const std::string& id) {
 
 }  // namespace
 
-std::string SummaryHost::timeNow() const {
-  return getTimeNowString(3);
-}
-std::string SummaryHost::osDescription() const {
-  return helperUtil::getOsDescription();
-}
-std::string SummaryHost::userName() const {
-  return helperUtil::getSessionUser();
-}
-std::string SummaryHost::absolutePath(const std::string& path) const {
-  return helperUtil::toAbsolutePath(path);
-}
-
 collector::collector(XMLObject* request, std::list<KEELComponent*>* unprocessedIds,
-                     const std::string& bundlePath, bool includeLegacyLogs, bool includeSystemLogs)
+                     const std::string& bundlePath, bool includeLegacyLogs, bool includeSystemLogs,
+                     Env* env)
     : m_pXMLRequest(request),
       unprocessedIds_(unprocessedIds),
       bundlePath_(bundlePath),
       includeLegacyLogs_(includeLegacyLogs),
       includeSystemLogs_(includeSystemLogs),
       isAdmin_(helperUtil::isUserAdmin()),
-      host_(&DefaultSummaryHost()) {
+      m_pEnv(env != nullptr ? env : Env::Default()) {
   (void)constructed_;
 }
 
@@ -112,10 +95,6 @@ collector::~collector() {
 std::mutex& collector::summaryLock() {
   static std::mutex lock;
   return lock;
-}
-
-void collector::setSummaryHost(const SummaryHost* host) {
-  host_ = host != nullptr ? host : &DefaultSummaryHost();
 }
 
 // ---- Selection ------------------------------------------------------------
@@ -174,8 +153,9 @@ ResultCode collector::Collect(std::string& tempFolder, XMLObject* config) {
   }
   ActionSettings settings;
   settings.m_pXMLSummary = m_pXMLSummary;
+  settings.m_pEnv = m_pEnv;
   if (tempFolder.empty())
-    tempFolder = helperUtil::translatePath(kDefaultTempFolder);
+    tempFolder = helperUtil::translatePath(m_pEnv->paths().workingFolder);
   if (m_pXMLRequest->GetRoot() != nullptr) {
     selectByRequest(tempFolder, *config, settings);
   } else {
@@ -291,6 +271,7 @@ ResultCode collector::Clear(XMLObject* config) {
   }
   ActionSettings settings;
   settings.m_pXMLSummary = m_pXMLSummary;
+  settings.m_pEnv = m_pEnv;
   for (KEELComponent* group : getFileGroupComponents(*config)) {
     std::vector<KEELComponent*> files = getFileGroupFileComponents(group);
     sortById(files);
@@ -463,10 +444,11 @@ ResultCode collector::fillInSummaryMainInfo() {
     KLOG_E("pDCMainInfo is NULL");
     return KEELENGINE_ERROR_NULL_XML_CHILD;
   }
-  m_pXMLSummary->AddChild(mainInfo, "Time:", host_->timeNow());
-  m_pXMLSummary->AddChild(mainInfo, "OS:", host_->osDescription());
-  m_pXMLSummary->AddChild(mainInfo, "User Name:", host_->userName());
-  m_pXMLSummary->AddChild(mainInfo, "Bundle on client computer:", host_->absolutePath(bundlePath_));
+  m_pXMLSummary->AddChild(mainInfo, "Time:", m_pEnv->localTimeText());
+  m_pXMLSummary->AddChild(mainInfo, "OS:", m_pEnv->osDescription());
+  m_pXMLSummary->AddChild(mainInfo, "User Name:", m_pEnv->userName());
+  m_pXMLSummary->AddChild(mainInfo,
+                          "Bundle on client computer:", m_pEnv->absolutePath(bundlePath_));
   return 0;
 }
 

@@ -18,28 +18,20 @@
 #include "Common/Result/ResultCode.h"
 #include "tools/KEEL/KEELEngine/implementations/KEELTypes.h"
 
+class Env;
 class KEELComponent;
 class XMLObject;
-
-// What the head of summary.txt says about the host. The default answers
-// come from the host itself; a test may hand a collector fixed answers.
-class SummaryHost {
- public:
-  virtual ~SummaryHost() = default;
-  // Local time, "%a %b %d %H:%M:%S %Y %Z".
-  virtual std::string timeNow() const;
-  virtual std::string osDescription() const;
-  virtual std::string userName() const;
-  virtual std::string absolutePath(const std::string& path) const;
-};
 
 class collector {
  public:
   // `request` is read only and not owned; a document without a root asks
   // for the default selection, and only a clear run passes null.
   // `unprocessedIds` is the engine's list of request entries not yet served.
+  // `env` gives the host's facts and starts the programs; not owned, and
+  // null means Env::Default().
   collector(XMLObject* request, std::list<KEELComponent*>* unprocessedIds,
-            const std::string& bundlePath, bool includeLegacyLogs, bool includeSystemLogs);
+            const std::string& bundlePath, bool includeLegacyLogs, bool includeSystemLogs,
+            Env* env = nullptr);
   ~collector();
 
   collector(const collector&) = delete;
@@ -93,10 +85,6 @@ class collector {
   // The process-wide lock held for the whole of printSummary.
   static std::mutex& summaryLock();
 
-  // Replaces the source of the head's host facts; not owned. Null restores
-  // the host's own.
-  void setSummaryHost(const SummaryHost* host);
-
   XMLObject* summaryDocument() const { return m_pXMLSummary; }
   const TruncAttrsList& collectedFiles() const { return collectedFiles_; }
   const std::string& summaryPath() const { return summaryPath_; }
@@ -122,7 +110,7 @@ class collector {
   bool includeLegacyLogs_;
   bool includeSystemLogs_;
   bool isAdmin_;
-  const SummaryHost* host_;
+  Env* m_pEnv;
 };
 
 #endif  // TOOLS_KEEL_KEELENGINE_IMPLEMENTATIONS_COLLECTOR_H_

@@ -447,8 +447,7 @@ TEST_F(CollectorSelection, EmptyWorkingFolderBecomesTheFixedOne) {
     } else if (mkdir("/tmp/KEEL_Temp_Bundle", 0777) != 0) {
       text = "<no folder>";
     } else {
-      collector job(&noRequest, &unprocessed, "report", false, true);
-      job.setSummaryHost(&host);
+      collector job(&noRequest, &unprocessed, "report", false, true, &host);
       std::string folder;
       const ResultCode result = job.Collect(folder, config);
       text = std::to_string(result) + "|" + folder + "|" + job.summaryPath() + "|" +

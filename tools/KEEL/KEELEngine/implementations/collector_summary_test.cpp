@@ -107,8 +107,7 @@ class CollectorSummary : public CollectorFixture {
   // A collector whose summary document is started, for `bundlePath`.
   std::unique_ptr<collector> Started(const std::string& bundlePath = "report") {
     std::unique_ptr<collector> job(
-        new collector(&noRequest, &unprocessed, bundlePath, false, true));
-    job->setSummaryHost(&host);
+        new collector(&noRequest, &unprocessed, bundlePath, false, true, &host));
     EXPECT_EQ(0u, job->initializeSummary());
     return job;
   }
@@ -318,8 +317,7 @@ TEST_F(CollectorSummary, NotesWithoutOmittedFiles) {
 
 TEST_F(CollectorSummary, CollectedFilesEnterTheManifestThroughTheTruncator) {
   XMLObject* request = Parse("<r><comments>Hello</comments></r>");
-  collector job(request, &unprocessed, "report", false, true);
-  job.setSummaryHost(&host);
+  collector job(request, &unprocessed, "report", false, true, &host);
   ASSERT_EQ(0u, job.initializeSummary());
   ASSERT_EQ(0u, job.writeComments(nullptr, "work"));
   ASSERT_EQ(0u, job.writeSummary("work", Parse(Config(""))));
@@ -339,8 +337,7 @@ TEST_F(CollectorSummary, CollectedFilesEnterTheManifestThroughTheTruncator) {
 
 TEST_F(CollectorSummary, UnopenableSummaryKeepsTheRecordsAndTheHeadForLater) {
   XMLObject* request = Parse("<r><comments>Hello</comments></r>");
-  collector job(request, &unprocessed, "report", false, true);
-  job.setSummaryHost(&host);
+  collector job(request, &unprocessed, "report", false, true, &host);
   ASSERT_EQ(0u, job.initializeSummary());
   ASSERT_EQ(0u, job.writeComments(nullptr, "work"));
   XMLObject* config = Parse(Config("", "Late"));
@@ -564,8 +561,7 @@ class CollectorSummaryConcurrency : public CollectorFixture {
           arrived[round].fetch_add(1);
           while (arrived[round].load() < threads)
             std::this_thread::yield();
-          collector job(&noRequest, &unprocessed, "report", false, true);
-          job.setSummaryHost(&host);
+          collector job(&noRequest, &unprocessed, "report", false, true, &host);
           std::string folder = "work";
           if (job.Collect(folder, configs[t * rounds + round]) != 0)
             failures.fetch_add(1);

@@ -20,6 +20,7 @@
 #include <gtest/gtest.h>
 
 #include "Common/Log/Log.h"
+#include "tests/support/FakeEnv.h"
 #include "tests/support/TestSupport.h"
 #include "tools/KEEL/KEELEngine/implementations/collector.h"
 #include "tools/KEEL/KEELEngine/implementations/parser/KEELComponent.h"
@@ -43,15 +44,13 @@ class ParsedXml {
   bool m_ok = false;
 };
 
-// Fixed answers for the head of summary.txt.
-class FixedHost : public SummaryHost {
+// A host with fixed answers for the head of summary.txt; a relative bundle
+// path is shown below a fixed current folder.
+class FixedHost : public keeltest::FakeEnv {
  public:
-  std::string timeNow() const override { return "Mon Jan 01 12:00:00 2024 UTC"; }
-  std::string osDescription() const override { return "Linux: Test Linux 1.0"; }
-  std::string userName() const override { return "tester"; }
-  // A relative path is shown below a fixed current folder.
-  std::string absolutePath(const std::string& path) const override {
-    return !path.empty() && path[0] == '/' ? path : "/home/tester/" + path;
+  FixedHost() {
+    SetSummaryFacts("Mon Jan 01 12:00:00 2024 UTC", "Linux: Test Linux 1.0", "tester",
+                    "/home/tester/");
   }
 };
 
@@ -231,10 +230,9 @@ class CollectorFixture : public ::testing::Test {
 
   std::unique_ptr<collector> Make(bool legacy = false, bool systemLogs = true,
                                   XMLObject* request = nullptr) {
-    std::unique_ptr<collector> made(new collector(request != nullptr ? request : &noRequest,
-                                                  &unprocessed, "report", legacy, systemLogs));
-    made->setSummaryHost(&host);
-    return made;
+    return std::unique_ptr<collector>(new collector(request != nullptr ? request : &noRequest,
+                                                    &unprocessed, "report", legacy, systemLogs,
+                                                    &host));
   }
 
   // One collector run of `config` into "work".
