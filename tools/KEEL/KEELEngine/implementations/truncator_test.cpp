@@ -216,6 +216,34 @@ TEST_F(TruncatorTest, DataRoundsEveryShareDown) {
   EXPECT_EQ(ReadFile(dir.Sub("c")), "abc");
 }
 
+TEST_F(TruncatorTest, DataShareIsCutTowardsZeroNotRounded) {
+  // Shares of a 10-byte allowance for recorded sizes 1 and 2: 3.33 and 6.67
+  // bytes, which leave 3 and 6 bytes of the (larger) files on disk.
+  TruncAttrsList records = {File("d", "small", 20, TRUNC_DATA, 10, TRUNC_END),
+                            File("d", "large", 20, TRUNC_DATA, 10, TRUNC_END)};
+  records.front().size = 1;
+  records.back().size = 2;
+  truncator cutter(records, summary.get());
+  EXPECT_EQ(cutter.perform(), 0u);
+  EXPECT_EQ(ReadFile(dir.Sub("small")), "abc");
+  EXPECT_EQ(ReadFile(dir.Sub("large")), "abcdef");
+}
+
+TEST_F(TruncatorTest, WholeRunningTotalStartsAgainAtEachId) {
+  // 80 + 50 would pass one allowance of 100, but each id has its own.
+  TruncAttrsList records = {File("a", "a.log", 80, TRUNC_WHOLE, 100),
+                            File("b", "b.log", 50, TRUNC_WHOLE, 100)};
+  truncator cutter(records, summary.get());
+  EXPECT_EQ(cutter.perform(), 0u);
+  auto kept = EntriesOf(*summary, "Manifest_Included", "file_size");
+  ASSERT_EQ(kept.size(), 2u);
+  EXPECT_EQ(kept[0].value, "a.log");
+  EXPECT_EQ(kept[1].value, "b.log");
+  EXPECT_TRUE(EntriesOf(*summary, "Manifest_Not_Included", "reason").empty());
+  EXPECT_TRUE(PathExists(dir.Sub("a.log")));
+  EXPECT_TRUE(PathExists(dir.Sub("b.log")));
+}
+
 TEST_F(TruncatorTest, DataFrontKeepsTheTailAndItsExtraByte) {
   TruncAttrsList records = {File("d", "f", 100, TRUNC_DATA, 10, TRUNC_FRONT)};
   truncator cutter(records, summary.get());
