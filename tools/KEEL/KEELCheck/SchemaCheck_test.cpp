@@ -10,7 +10,7 @@ namespace {
 
 TEST(InstructionSchema, BuiltInTextIsTheGrammarOfTheTree) {
   EXPECT_EQ(InstructionSchemaText(),
-            keeltest::ReadFile(std::string(KEEL_SOURCE_DIR) + "/xml/schema/keel-instructions.rng"));
+            keeltest::ReadFile(keeltest::SourceDir() + "/xml/schema/keel-instructions.rng"));
 }
 
 class SchemaValidation : public ::testing::Test {

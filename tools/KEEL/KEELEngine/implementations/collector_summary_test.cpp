@@ -399,24 +399,11 @@ TEST_F(CollectorSummary, WriteSummaryWithoutConfigFails) {
 
 // ---- Whole files compared with stored ones ----------------------------------------
 
-// The folder of this source file. The build names sources relative to the
-// project root, so the root is looked for above the build folder: the
-// nearest folder that holds this very file (the build folder itself holds
-// a "tools/KEEL" tree too, of build products).
-std::string SourceFolder() {
-  const std::string source = __FILE__;
-  const std::string folder = source.substr(0, source.rfind('/') + 1);
-  if (!source.empty() && source[0] == '/')
-    return folder;
-  std::string root = keeltest::BuildDir();
-  while (!root.empty() && !PathExists(root + "/" + source))
-    root.erase(root.rfind('/'));
-  return root + "/" + folder;
-}
-
-// A stored summary below testdata/summary/ beside this source.
+// A stored summary below testdata/summary/ beside this source, found
+// through the source tree the build was configured from.
 std::string Golden(const std::string& name) {
-  return ReadFile(SourceFolder() + "testdata/summary/" + name);
+  return ReadFile(keeltest::SourceDir() +
+                  "/tools/KEEL/KEELEngine/implementations/testdata/summary/" + name);
 }
 
 class CollectorSummaryGolden : public CollectorFixture {
