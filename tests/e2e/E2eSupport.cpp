@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <regex>
 
 namespace keeltest {
@@ -27,6 +28,53 @@ bool NamespacesAvailable() {
   return status == 0;
 }
 
+IsolationVerdict DecideIsolation(bool namespacesAvailable, const char* ciValue) {
+  if (namespacesAvailable)
+    return IsolationVerdict::kRun;
+  return ciValue != nullptr && std::string(ciValue) == "true" ? IsolationVerdict::kFail
+                                                              : IsolationVerdict::kSkip;
+}
+
+void RequireIsolation() {
+  RequireIsolation("private mount namespaces refused", NamespacesAvailable());
+}
+
+void RequireIsolation(const std::string& refusal, bool available) {
+  switch (DecideIsolation(available, getenv("CI"))) {
+    case IsolationVerdict::kRun:
+      return;
+    case IsolationVerdict::kSkip:
+      GTEST_SKIP() << refusal;
+    case IsolationVerdict::kFail:
+      FAIL() << refusal << ": with CI=true the end-to-end tests must run, not skip";
+  }
+}
+
+void IsolatedTree::MakeTree(const std::vector<std::string>& folders) {
+  ASSERT_NO_FATAL_FAILURE(RequireIsolation());
+  if (IsSkipped())
+    return;
+  m_tree.reset(new TempDir(IsolatedTreeBase()));
+  ASSERT_FALSE(m_tree->path().empty());
+  for (const std::string& folder : folders)
+    std::filesystem::create_directories(m_tree->Sub(folder));
+}
+
+void IsolatedTree::CopyBuilt(const std::string& name, const std::string& relative) {
+  const std::string target = m_tree->Sub(relative);
+  std::error_code error;
+  std::filesystem::copy_file(BuildDir() + "/" + name, target, error);
+  ASSERT_FALSE(error) << "copying " << name << ": " << error.message();
+  ASSERT_EQ(chmod(target.c_str(), 0755), 0);
+}
+
+void IsolatedTree::CopyShippedConfigs(const std::string& relative) {
+  for (const auto& entry : std::filesystem::directory_iterator(BuildDir() + "/xml/config")) {
+    std::filesystem::copy_file(entry.path(),
+                               m_tree->Sub(relative + "/" + entry.path().filename().string()));
+  }
+}
+
 std::string IsolatedTreeBase() {
   const std::string base = BuildDir() + "/e2e-trees";
   mkdir(base.c_str(), 0755);
@@ -37,38 +85,31 @@ IsolatedResult RunIsolated(const std::vector<std::string>& argv,
                            const std::vector<std::string>& env, const std::string& cwd,
                            const std::string& scratch, const std::string& prepare,
                            const std::string& inspect, const std::string& tmpOptions) {
-  std::string command;
-  for (const std::string& arg : argv)
-    command += " " + ShellQuote(arg);
-  std::string environment = "env -i VTC_LOGGING_OUTPUT=STDOUT";
+  static const std::string script = ReadFile(SourceDir() + "/tests/e2e/isolate.sh");
+  std::vector<std::string> command = {"unshare",
+                                      "-m",
+                                      "sh",
+                                      "-c",
+                                      script,
+                                      "isolate",
+                                      scratch,
+                                      cwd,
+                                      IsolatedTreeBase(),
+                                      tmpOptions,
+                                      prepare,
+                                      inspect,
+                                      TreeTopBelowTmp(),
+                                      kIsolatedOsRelease,
+                                      "env",
+                                      "-i",
+                                      "VTC_LOGGING_OUTPUT=STDOUT"};
   for (const char* name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS", "TSAN_OPTIONS"}) {
     if (const char* value = getenv(name))
-      environment += " " + ShellQuote(std::string(name) + "=" + value);
+      command.push_back(std::string(name) + "=" + value);
   }
-  for (const std::string& entry : env)
-    environment += " " + ShellQuote(entry);
-  const std::string script =
-      // The folder of the test trees may itself lie below /tmp (a build in
-      // a clone there): a descriptor held across the mount lets it be bound
-      // back at its own path inside the fresh /tmp.
-      "exec 9< " + ShellQuote(IsolatedTreeBase()) + " || exit 89\n" + "mount -t tmpfs " +
-      (tmpOptions.empty() ? std::string() : "-o " + ShellQuote(tmpOptions) + " ") +
-      "tmpfs /tmp || exit 90\n"
-      "case " +
-      ShellQuote(IsolatedTreeBase()) + " in /tmp/*) mkdir -p " + ShellQuote(IsolatedTreeBase()) +
-      " && mount --no-canonicalize --bind /proc/self/fd/9 " + ShellQuote(IsolatedTreeBase()) +
-      " || exit 95;; esac\n"
-      "if [ -d /opt ]; then mount -t tmpfs tmpfs /opt || exit 91; fi\n"
-      "mount -t tmpfs tmpfs /etc || exit 92\n"
-      "printf '%s' " +
-      ShellQuote(kIsolatedOsRelease) + " > /etc/os-release\n" + prepare + "\ncd " +
-      ShellQuote(cwd) + " || exit 93\n" + environment + command + " > " +
-      ShellQuote(scratch + "/stdout") + " 2> " + ShellQuote(scratch + "/stderr") + "\n" +
-      "echo $? > " + ShellQuote(scratch + "/status") + "\n" + "ls -A /tmp | grep -v -x -F " +
-      ShellQuote(TreeTopBelowTmp()) + " > " + ShellQuote(scratch + "/tmp-listing") + "\n" + "{ " +
-      (inspect.empty() ? std::string(":") : inspect) + "\n} > " +
-      ShellQuote(scratch + "/inspect.txt") + " 2>&1\n";
-  CommandResult shell = Run({"unshare", "-m", "sh", "-c", script});
+  command.insert(command.end(), env.begin(), env.end());
+  command.insert(command.end(), argv.begin(), argv.end());
+  CommandResult shell = Run(command);
   IsolatedResult result;
   const std::string status = ReadFile(scratch + "/status");
   result.status = shell.status == 0 && status != "<missing>" ? atoi(status.c_str()) : -1000;

@@ -5,8 +5,11 @@
 #ifndef TESTS_E2E_E2ESUPPORT_H_
 #define TESTS_E2E_E2ESUPPORT_H_
 
+#include <memory>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "tests/support/TestSupport.h"
 
@@ -18,6 +21,19 @@ constexpr char kIsolatedOsDescription[] = "Linux: TestOS 1.0 (e2e)";
 
 // Whether private mount namespaces can be made here.
 bool NamespacesAvailable();
+
+// What a test that needs a private mount namespace does: run, skip where
+// none can be made, or fail there when `ciValue` (the CI variable) is
+// "true", so that a CI run cannot pass with no end-to-end coverage.
+enum class IsolationVerdict { kRun, kSkip, kFail };
+IsolationVerdict DecideIsolation(bool namespacesAvailable, const char* ciValue);
+
+// Applies DecideIsolation to `available` (by default, whether this host
+// makes private mount namespaces) and the environment: skips or fails the
+// running test with `refusal`. Call it through ASSERT_NO_FATAL_FAILURE and
+// return when IsSkipped().
+void RequireIsolation(const std::string& refusal, bool available);
+void RequireIsolation();
 
 // A folder for test trees outside /tmp (which the namespace hides): below
 // the build folder.
@@ -41,6 +57,24 @@ IsolatedResult RunIsolated(const std::vector<std::string>& argv,
                            const std::vector<std::string>& env, const std::string& cwd,
                            const std::string& scratch, const std::string& prepare = "",
                            const std::string& inspect = "", const std::string& tmpOptions = "");
+
+// The fixture of the end-to-end tests: a fresh tree below
+// IsolatedTreeBase(), removed after the test, into which the built programs
+// are copied (the build folder may lie below /tmp, which the namespace
+// hides). A derived SetUp calls MakeTree through ASSERT_NO_FATAL_FAILURE
+// and returns when IsSkipped().
+class IsolatedTree : public ::testing::Test {
+ protected:
+  // Requires isolation, then makes the tree with `folders` in it.
+  void MakeTree(const std::vector<std::string>& folders);
+  // Copies the built program `name` to `relative` in the tree, runnable by
+  // every user.
+  void CopyBuilt(const std::string& name, const std::string& relative);
+  // Copies the shipped instruction files into the folder `relative`.
+  void CopyShippedConfigs(const std::string& relative);
+
+  std::unique_ptr<TempDir> m_tree;
+};
 
 // The console line of a progress report: "\r", the message padded or cut to
 // 90 columns, a blank and the percentage.

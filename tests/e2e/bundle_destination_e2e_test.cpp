@@ -62,46 +62,42 @@ ArchiveTail TailOf(const std::string& bytes) {
   return tail;
 }
 
-class BundleDestination : public ::testing::Test {
+class BundleDestination : public keeltest::IsolatedTree {
  protected:
   void SetUp() override {
-    if (!keeltest::NamespacesAvailable())
-      GTEST_SKIP() << "private mount namespaces refused";
-    tree_.reset(new keeltest::TempDir(keeltest::IsolatedTreeBase()));
-    ASSERT_FALSE(tree_->path().empty());
-    for (const char* folder :
-         {"install/xml/config", "home/Desktop", "work", "out", "scratch", "src"}) {
-      fs::create_directories(tree_->Sub(folder));
-    }
+    ASSERT_NO_FATAL_FAILURE(
+        MakeTree({"install/xml/config", "home/Desktop", "work", "out", "scratch", "src"}));
+    if (IsSkipped())
+      return;
     // Another user may pass through, so that what only the mode bits keep
     // from that user is tested as such.
-    for (const std::string& folder : {tree_->path(), tree_->Sub("out")})
+    for (const std::string& folder : {m_tree->path(), m_tree->Sub("out")})
       chmod(folder.c_str(), 0755);
-    fs::copy_file(keeltest::BuildDir() + "/keelcli", tree_->Sub("install/keelcli"));
-    chmod(tree_->Sub("install/keelcli").c_str(), 0755);
+    ASSERT_NO_FATAL_FAILURE(CopyBuilt("keelcli", "install/keelcli"));
     // One instruction that copies every .log file of src.
     const std::string config =
         "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<config>\n<configure><title>Logs</title>"
         "</configure>\n<fileGroup treeRootName=\"Logs\"><title>Logs</title>\n"
         "<file id=\"logs\"><description>log files</description><default>true</default><keel>"
         "<os opsys=\"linux\"><file_copy_action><action><loc>" +
-        tree_->Sub("src") +
+        m_tree->Sub("src") +
         "/*.log</loc></action></file_copy_action></os></keel></file>\n</fileGroup>\n</config>\n";
-    ASSERT_TRUE(WriteFile(tree_->Sub("install/xml/config/logs.xml"), config));
+    ASSERT_TRUE(WriteFile(m_tree->Sub("install/xml/config/logs.xml"), config));
   }
 
   void AddLog(const std::string& name, const std::string& bytes) {
-    ASSERT_TRUE(WriteFile(tree_->Sub("src/" + name), bytes));
+    ASSERT_TRUE(WriteFile(m_tree->Sub("src/" + name), bytes));
   }
 
   IsolatedResult Keel(const std::string& destination, const std::string& prepare,
                       const std::string& inspect = "") {
-    return keeltest::RunIsolated({tree_->Sub("install/keelcli"), "-dst", destination},
-                                 {"HOME=" + tree_->Sub("home"), "USER=tester"}, tree_->Sub("work"),
-                                 tree_->Sub("scratch"), "umask 022\n" + prepare, inspect);
+    return keeltest::RunIsolated({m_tree->Sub("install/keelcli"), "-dst", destination},
+                                 {"HOME=" + m_tree->Sub("home"), "USER=tester"},
+                                 m_tree->Sub("work"), m_tree->Sub("scratch"),
+                                 "umask 022\n" + prepare, inspect);
   }
 
-  std::string Inspect() const { return ReadFile(tree_->Sub("scratch/inspect.txt")); }
+  std::string Inspect() const { return ReadFile(m_tree->Sub("scratch/inspect.txt")); }
 
   // Shell text that mounts a filesystem of `bytes` bytes (whole pages) at
   // /tmp/dest, the destination's folder.
@@ -109,20 +105,18 @@ class BundleDestination : public ::testing::Test {
     return "mkdir /tmp/dest && mount -t tmpfs -o size=" + std::to_string(bytes) +
            ",mode=1777 tmpfs /tmp/dest || exit 94\n";
   }
-
-  std::unique_ptr<keeltest::TempDir> tree_;
 };
 
 TEST_F(BundleDestination, LinkPlantedByAnotherUserIsReplacedAndItsTargetUntouched) {
   AddLog("a.log", "alpha log\n");
-  const std::string victim = tree_->Sub("victim.conf");
+  const std::string victim = m_tree->Sub("victim.conf");
   ASSERT_TRUE(WriteFile(victim, "root only\n"));
   ASSERT_EQ(chmod(victim.c_str(), 0600), 0);
   const IsolatedResult run =
       Keel("/tmp/report.zip",
            std::string(kAsNobody) + "ln -s " + ShellQuote(victim) + " /tmp/report.zip || exit 94\n",
            "stat -c '%F %a %u' /tmp/report.zip\ncp /tmp/report.zip " +
-               ShellQuote(tree_->Sub("scratch/bundle.zip")));
+               ShellQuote(m_tree->Sub("scratch/bundle.zip")));
   ASSERT_EQ(run.status, 0) << run.err << run.out;
   EXPECT_TRUE(EndsWith(run.out, ProgressLine("KEEL has finished... ", 100) + "\r\n\r\n"))
       << run.out;
@@ -132,7 +126,7 @@ TEST_F(BundleDestination, LinkPlantedByAnotherUserIsReplacedAndItsTargetUntouche
   EXPECT_EQ(info.st_mode & 07777, 0600u);
   EXPECT_EQ(info.st_size, 10);
   EXPECT_EQ(Inspect(), "regular file 600 0\n");
-  const std::string bundle = tree_->Sub("scratch/bundle.zip");
+  const std::string bundle = m_tree->Sub("scratch/bundle.zip");
   EXPECT_EQ(keeltest::SortedZipEntryNames(bundle),
             (std::vector<std::string>{"a.log", "summary.txt"}));
   EXPECT_EQ(keeltest::ZipEntry(bundle, "a.log"), "alpha log\n");
@@ -141,7 +135,7 @@ TEST_F(BundleDestination, LinkPlantedByAnotherUserIsReplacedAndItsTargetUntouche
 
 TEST_F(BundleDestination, BundleIsReadableByItsOwnerOnlyUnderUmask022) {
   AddLog("a.log", "alpha log\n");
-  const std::string bundle = tree_->Sub("out/report.zip");
+  const std::string bundle = m_tree->Sub("out/report.zip");
   const IsolatedResult run = Keel(bundle, "",
                                   std::string(kAsNobody) + "cat " + ShellQuote(bundle) +
                                       " > /dev/null 2>&1 && echo readable || echo unreadable");
@@ -152,7 +146,7 @@ TEST_F(BundleDestination, BundleIsReadableByItsOwnerOnlyUnderUmask022) {
   EXPECT_EQ(info.st_uid, 0u);
   EXPECT_EQ(Inspect(), "unreadable\n");
   EXPECT_EQ(keeltest::ZipEntry(bundle, "a.log"), "alpha log\n");
-  EXPECT_EQ(keeltest::ListDir(tree_->Sub("out")), std::vector<std::string>{"report.zip"});
+  EXPECT_EQ(keeltest::ListDir(m_tree->Sub("out")), std::vector<std::string>{"report.zip"});
 }
 
 TEST_F(BundleDestination, DestinationFillingWhileZippingLeavesNoBundle) {
@@ -184,7 +178,7 @@ TEST_F(BundleDestination, DestinationFillingAtTheArchiveTailLeavesNoBundle) {
            "line " + std::to_string(i) + "\n");
   }
   const std::string destination = "/tmp/dest/report.zip";
-  const std::string copy = tree_->Sub("scratch/calibration.zip");
+  const std::string copy = m_tree->Sub("scratch/calibration.zip");
   IsolatedResult run =
       Keel(destination, SmallDestination(4 << 20), "cp /tmp/dest/report.zip " + ShellQuote(copy));
   ASSERT_EQ(run.status, 0) << run.err;

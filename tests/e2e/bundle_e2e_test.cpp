@@ -91,38 +91,34 @@ std::string AlphaSummary(const std::string& bundle) {
 const char kTail[] =
     "\n\nNo instruction found in any config for the following file ID's from request:\n";
 
-class BundleRun : public ::testing::Test {
+class BundleRun : public keeltest::IsolatedTree {
  protected:
   void SetUp() override {
-    if (!keeltest::NamespacesAvailable())
-      GTEST_SKIP() << "private mount namespaces refused";
-    tree_.reset(new keeltest::TempDir(keeltest::IsolatedTreeBase()));
-    ASSERT_FALSE(tree_->path().empty());
-    for (const char* folder : {"install/xml/config", "home/Desktop", "work", "out", "scratch"}) {
-      fs::create_directories(tree_->Sub(folder));
-    }
-    fs::copy_file(keeltest::BuildDir() + "/keelcli", tree_->Sub("install/keelcli"));
-    chmod(tree_->Sub("install/keelcli").c_str(), 0755);
+    ASSERT_NO_FATAL_FAILURE(
+        MakeTree({"install/xml/config", "home/Desktop", "work", "out", "scratch"}));
+    if (IsSkipped())
+      return;
+    ASSERT_NO_FATAL_FAILURE(CopyBuilt("keelcli", "install/keelcli"));
     ASSERT_TRUE(WriteFile(Src("a.log"), "alpha log\n"));
     ASSERT_TRUE(WriteFile(Src("b.log"), std::string(5000, 'b')));
     ASSERT_TRUE(WriteFile(Src("c.txt"), "gamma\n"));
   }
 
-  std::string Src(const std::string& name) const { return tree_->Sub("src/" + name); }
+  std::string Src(const std::string& name) const { return m_tree->Sub("src/" + name); }
 
   void AddConfig(const std::string& name, const std::string& text) {
-    ASSERT_TRUE(WriteFile(tree_->Sub("install/xml/config/" + name), text));
+    ASSERT_TRUE(WriteFile(m_tree->Sub("install/xml/config/" + name), text));
   }
 
   IsolatedResult Keel(const std::vector<std::string>& args, const std::string& prepare = "",
                       const std::string& inspect = "") {
-    std::vector<std::string> argv{tree_->Sub("install/keelcli")};
+    std::vector<std::string> argv{m_tree->Sub("install/keelcli")};
     argv.insert(argv.end(), args.begin(), args.end());
-    return keeltest::RunIsolated(argv, {"HOME=" + tree_->Sub("home"), "USER=tester"},
-                                 tree_->Sub("work"), tree_->Sub("scratch"), prepare, inspect);
+    return keeltest::RunIsolated(argv, {"HOME=" + m_tree->Sub("home"), "USER=tester"},
+                                 m_tree->Sub("work"), m_tree->Sub("scratch"), prepare, inspect);
   }
 
-  std::string Inspect() const { return ReadFile(tree_->Sub("scratch/inspect.txt")); }
+  std::string Inspect() const { return ReadFile(m_tree->Sub("scratch/inspect.txt")); }
 
   std::string Announce(const std::string& location, bool custom,
                        const std::string& extra = "") const {
@@ -130,19 +126,17 @@ class BundleRun : public ::testing::Test {
            "Bundle option selected: " + (custom ? "custom" : "default") +
            "\r\nBundle location: " + location + "\r\n" + extra + "\r\n";
   }
-
-  std::unique_ptr<keeltest::TempDir> tree_;
 };
 
 TEST_F(BundleRun, DefaultRunPutsATimeStampedBundleOnTheDesktop) {
   AddConfig("one.xml", Config("First Config", {"alpha"}, {Src("a.log")}));
   const IsolatedResult run = Keel({});
   ASSERT_EQ(run.status, 0) << run.err << run.out;
-  const std::vector<std::string> desktop = keeltest::ListDir(tree_->Sub("home/Desktop"));
+  const std::vector<std::string> desktop = keeltest::ListDir(m_tree->Sub("home/Desktop"));
   ASSERT_EQ(desktop.size(), 1u);
   EXPECT_TRUE(std::regex_match(desktop[0], std::regex("KEELBundle_\\d{4}_\\d{4}\\.zip")))
       << desktop[0];
-  const std::string bundle = tree_->Sub("home/Desktop/" + desktop[0]);
+  const std::string bundle = m_tree->Sub("home/Desktop/" + desktop[0]);
   EXPECT_EQ(run.out, Announce(bundle, false) + StartOfEngine() +
                          ProgressLine("Reading instructions ...", 4) + EndOfBundleRun());
   EXPECT_EQ(run.err, "");
@@ -157,7 +151,7 @@ TEST_F(BundleRun, DefaultRunPutsATimeStampedBundleOnTheDesktop) {
 
 TEST_F(BundleRun, CustomRunWithZipNameWritesThere) {
   AddConfig("one.xml", Config("First Config", {"alpha"}, {Src("a.log")}));
-  const std::string bundle = tree_->Sub("out/report.zip");
+  const std::string bundle = m_tree->Sub("out/report.zip");
   const IsolatedResult run = Keel({"-dst", bundle});
   ASSERT_EQ(run.status, 0) << run.err;
   EXPECT_EQ(run.out, Announce(bundle, true) + StartOfEngine() +
@@ -169,7 +163,7 @@ TEST_F(BundleRun, CustomRunWithZipNameWritesThere) {
 
 TEST_F(BundleRun, CustomRunWithoutZipGetsTheExtensionButTheSummaryShowsTheGivenPath) {
   AddConfig("one.xml", Config("First Config", {"alpha"}, {Src("a.log")}));
-  const std::string given = tree_->Sub("out/report");
+  const std::string given = m_tree->Sub("out/report");
   const IsolatedResult run = Keel({"-dst", given});
   ASSERT_EQ(run.status, 0) << run.err;
   EXPECT_FALSE(keeltest::PathExists(given));
@@ -187,7 +181,7 @@ TEST_F(BundleRun, TwLogsTakesTheWholeLegacyGroup) {
                 Src("c.txt") +
                 "</loc></action></file_copy_action></os></keel></file>"
                 "</fileGroup></config>");
-  const std::string bundle = tree_->Sub("out/legacy.zip");
+  const std::string bundle = m_tree->Sub("out/legacy.zip");
   IsolatedResult run = Keel({"-dst", bundle, "-twlogs"});
   ASSERT_EQ(run.status, 0) << run.err;
   const std::string announced = Announce(
@@ -200,7 +194,7 @@ TEST_F(BundleRun, TwLogsTakesTheWholeLegacyGroup) {
                 std::string(101, '-') + "\n" + kTail);
 
   // Without the option the file is only named in a note.
-  const std::string plain = tree_->Sub("out/plain.zip");
+  const std::string plain = m_tree->Sub("out/plain.zip");
   run = Keel({"-dst", plain});
   ASSERT_EQ(run.status, 0);
   EXPECT_EQ(SortedZipEntryNames(plain), (std::vector<std::string>{"summary.txt"}));
@@ -215,7 +209,7 @@ TEST_F(BundleRun, SeveralConfigsEachAddTheirSection) {
   AddConfig("one.xml", Config("First Config", {"alpha"}, {Src("a.log")}));
   AddConfig("two.xml", Config("Second Config", {"beta", "gamma"}, {Src("b.log"), Src("c.txt")}));
   AddConfig("three.xml", Config("Third Config", {"missing"}, {Src("nothing-*.log")}));
-  const std::string bundle = tree_->Sub("out/several.zip");
+  const std::string bundle = m_tree->Sub("out/several.zip");
   const IsolatedResult run = Keel({"-dst", bundle});
   ASSERT_EQ(run.status, 0) << run.err;
   EXPECT_EQ(run.out.substr(0, Announce(bundle, true).size()), Announce(bundle, true));
@@ -250,14 +244,14 @@ TEST_F(BundleRun, BrokenConfigBesideGoodOnesIsNamedAtTheEnd) {
   AddConfig("one.xml", Config("First Config", {"alpha"}, {Src("a.log")}));
   AddConfig("two.xml", Config("Second Config", {"gamma"}, {Src("c.txt")}));
   AddConfig("broken.xml", "<config><fileGroup>\n");
-  const std::string bundle = tree_->Sub("out/broken.zip");
+  const std::string bundle = m_tree->Sub("out/broken.zip");
   const IsolatedResult run = Keel({"-dst", bundle});
   ASSERT_EQ(run.status, 0) << run.err;
   const std::string summary = ZipEntry(bundle, "summary.txt");
   const std::string tail = "\n" + std::string(100, '=') +
                            "\nKEELEngine failed to parse or use the following configuration "
                            "files:\n" +
-                           tree_->Sub("install/xml/config/broken.xml") + "\n" + kTail;
+                           m_tree->Sub("install/xml/config/broken.xml") + "\n" + kTail;
   ASSERT_GE(summary.size(), tail.size());
   EXPECT_EQ(summary.substr(summary.size() - tail.size()), tail);
   EXPECT_NE(run.log.find("xml errorCB: "), std::string::npos);
@@ -266,7 +260,7 @@ TEST_F(BundleRun, BrokenConfigBesideGoodOnesIsNamedAtTheEnd) {
 TEST_F(BundleRun, BrokenConfigBesideOneGoodOneEndsWithoutBundle) {
   AddConfig("one.xml", Config("First Config", {"alpha"}, {Src("a.log")}));
   AddConfig("broken.xml", "<config><fileGroup>\n");
-  const std::string bundle = tree_->Sub("out/none.zip");
+  const std::string bundle = m_tree->Sub("out/none.zip");
   const IsolatedResult run = Keel({"-dst", bundle});
   EXPECT_EQ(run.status, 0);
   EXPECT_EQ(run.out, Announce(bundle, true) + StartOfEngine() +
@@ -277,7 +271,7 @@ TEST_F(BundleRun, BrokenConfigBesideOneGoodOneEndsWithoutBundle) {
 }
 
 TEST_F(BundleRun, EmptyConfigFolderEndsWithTheInternalError) {
-  const std::string bundle = tree_->Sub("out/empty.zip");
+  const std::string bundle = m_tree->Sub("out/empty.zip");
   const IsolatedResult run = Keel({"-dst", bundle});
   EXPECT_EQ(run.status, 0);
   EXPECT_EQ(run.out, Announce(bundle, true) + StartOfEngine() +
@@ -291,7 +285,7 @@ TEST_F(BundleRun, PlainWorkingFolderWithOnlyFilesIsReused) {
   // so its name shows which one the run used.
   AddConfig("one.xml",
             Config("First Config", {"alpha"}, {Src("a.log")}, " directoryName=\"kept\""));
-  const std::string bundle = tree_->Sub("out/reuse.zip");
+  const std::string bundle = m_tree->Sub("out/reuse.zip");
   const IsolatedResult run = Keel(
       {"-dst", bundle}, "mkdir /tmp/KEEL_Temp_Bundle && echo old > /tmp/KEEL_Temp_Bundle/old.txt",
       "find /tmp/KEEL_Temp_Bundle* | sort");
@@ -307,7 +301,7 @@ TEST_F(BundleRun, PlainWorkingFolderWithOnlyFilesIsReused) {
 
 TEST_F(BundleRun, PlainWorkingFolderWithASubFolderMakesAFreshOne) {
   AddConfig("one.xml", Config("First Config", {"alpha"}, {Src("a.log")}));
-  const std::string bundle = tree_->Sub("out/fresh.zip");
+  const std::string bundle = m_tree->Sub("out/fresh.zip");
   const IsolatedResult run =
       Keel({"-dst", bundle},
            "mkdir -p /tmp/KEEL_Temp_Bundle/sub && echo x > /tmp/KEEL_Temp_Bundle/sub/x",
@@ -328,9 +322,9 @@ TEST_F(BundleRun, ShippedInstructionsMakeAReadableBundle) {
   // The instruction files that ship with the tool, run on this host.
   for (const auto& entry : fs::directory_iterator(keeltest::BuildDir() + "/xml/config")) {
     fs::copy_file(entry.path(),
-                  tree_->Sub("install/xml/config/" + entry.path().filename().string()));
+                  m_tree->Sub("install/xml/config/" + entry.path().filename().string()));
   }
-  const std::string bundle = tree_->Sub("out/shipped.zip");
+  const std::string bundle = m_tree->Sub("out/shipped.zip");
   const IsolatedResult run = Keel({"-dst", bundle});
   ASSERT_EQ(run.status, 0) << run.err;
   int status = -1;

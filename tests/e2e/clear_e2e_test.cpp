@@ -57,24 +57,19 @@ std::string Config(const std::string& title, const std::vector<std::string>& gro
   return text + "</config>\n";
 }
 
-class ClearRun : public ::testing::Test {
+class ClearRun : public keeltest::IsolatedTree {
  protected:
   void SetUp() override {
-    if (!keeltest::NamespacesAvailable())
-      GTEST_SKIP() << "private mount namespaces refused";
-    tree_.reset(new keeltest::TempDir(keeltest::IsolatedTreeBase()));
-    ASSERT_FALSE(tree_->path().empty());
-    for (const char* folder :
-         {"install/xml/config", "home/Desktop", "work", "scratch", "bin", "outside"}) {
-      fs::create_directories(tree_->Sub(folder));
-    }
-    fs::copy_file(keeltest::BuildDir() + "/keelcli", tree_->Sub("install/keelcli"));
-    chmod(tree_->Sub("install/keelcli").c_str(), 0755);
+    ASSERT_NO_FATAL_FAILURE(
+        MakeTree({"install/xml/config", "home/Desktop", "work", "scratch", "bin", "outside"}));
+    if (IsSkipped())
+      return;
+    ASSERT_NO_FATAL_FAILURE(CopyBuilt("keelcli", "install/keelcli"));
   }
 
-  std::string Data(const std::string& relative) const { return tree_->Sub("data/" + relative); }
-  std::string Bin() const { return tree_->Sub("bin"); }
-  std::string Outside(const std::string& name) const { return tree_->Sub("outside/" + name); }
+  std::string Data(const std::string& relative) const { return m_tree->Sub("data/" + relative); }
+  std::string Bin() const { return m_tree->Sub("bin"); }
+  std::string Outside(const std::string& name) const { return m_tree->Sub("outside/" + name); }
 
   void Script(const std::string& name, const std::string& body) {
     const std::string path = Bin() + "/" + name;
@@ -92,7 +87,7 @@ class ClearRun : public ::testing::Test {
   }
 
   void AddConfig(const std::string& name, const std::string& text) {
-    ASSERT_TRUE(WriteFile(tree_->Sub("install/xml/config/" + name), text));
+    ASSERT_TRUE(WriteFile(m_tree->Sub("install/xml/config/" + name), text));
   }
 
   // Every file and folder below data/ and outside/, relative, sorted;
@@ -100,7 +95,7 @@ class ClearRun : public ::testing::Test {
   std::vector<std::string> Listing() const {
     std::vector<std::string> names;
     for (const char* top : {"data", "outside"}) {
-      const fs::path root = tree_->Sub(top);
+      const fs::path root = m_tree->Sub(top);
       if (!fs::exists(root))
         continue;
       for (const auto& entry : fs::recursive_directory_iterator(root)) {
@@ -115,11 +110,11 @@ class ClearRun : public ::testing::Test {
   }
 
   IsolatedResult Keel(const std::vector<std::string>& args) {
-    std::vector<std::string> argv{tree_->Sub("install/keelcli")};
+    std::vector<std::string> argv{m_tree->Sub("install/keelcli")};
     argv.insert(argv.end(), args.begin(), args.end());
     return keeltest::RunIsolated(
-        argv, {"HOME=" + tree_->Sub("home"), "USER=tester", "PATH=/usr/bin:/bin"},
-        tree_->Sub("work"), tree_->Sub("scratch"));
+        argv, {"HOME=" + m_tree->Sub("home"), "USER=tester", "PATH=/usr/bin:/bin"},
+        m_tree->Sub("work"), m_tree->Sub("scratch"));
   }
 
   // What a clear run prints from start to end.
@@ -136,8 +131,8 @@ class ClearRun : public ::testing::Test {
                              "dirlogs/deeper/e.log", "legacy/default.log", "legacy/optional.log"}) {
       ASSERT_TRUE(WriteFile(Data(name), std::string("content of ") + name + "\n"));
     }
-    ASSERT_TRUE(WriteFile(tree_->Sub("home/hlogs/h.log"), "home log\n"));
-    ASSERT_TRUE(WriteFile(tree_->Sub("home/hlogs/h.txt"), "home text\n"));
+    ASSERT_TRUE(WriteFile(m_tree->Sub("home/hlogs/h.log"), "home log\n"));
+    ASSERT_TRUE(WriteFile(m_tree->Sub("home/hlogs/h.txt"), "home text\n"));
   }
 
   void AddLogConfigs() {
@@ -165,8 +160,6 @@ class ClearRun : public ::testing::Test {
                                   Instruction("legacy-optional", false,
                                               FileAction(Data("legacy/optional.log"), kClear))})}));
   }
-
-  std::unique_ptr<keeltest::TempDir> tree_;
 };
 
 const std::vector<std::string> kLeftAfterClearing = {
@@ -198,10 +191,10 @@ TEST_F(ClearRun, RemovesExactlyTheMatchingFilesOfDefaultInstructions) {
   // them for gather_newest); a file below it, a folder of a matching name,
   // files of other instructions and of a folder instruction stayed.
   EXPECT_EQ(Listing(), kLeftAfterClearing);
-  EXPECT_EQ(keeltest::ListDir(tree_->Sub("home/hlogs")), (std::vector<std::string>{"h.txt"}));
+  EXPECT_EQ(keeltest::ListDir(m_tree->Sub("home/hlogs")), (std::vector<std::string>{"h.txt"}));
   // No working folder and no bundle.
   EXPECT_EQ(run.tmpListing, "");
-  EXPECT_EQ(keeltest::ListDir(tree_->Sub("home/Desktop")), std::vector<std::string>{});
+  EXPECT_EQ(keeltest::ListDir(m_tree->Sub("home/Desktop")), std::vector<std::string>{});
 }
 
 TEST_F(ClearRun, LegacyOptionClearsNothingMore) {
@@ -216,7 +209,7 @@ TEST_F(ClearRun, LegacyOptionClearsNothingMore) {
   const IsolatedResult withLegacy = Keel({"-clearlogs", "-twlogs"});
   EXPECT_EQ(withLegacy.status, 0) << withLegacy.err;
   EXPECT_EQ(Listing(), afterAlone);
-  EXPECT_EQ(keeltest::ListDir(tree_->Sub("home/hlogs")), (std::vector<std::string>{"h.txt"}));
+  EXPECT_EQ(keeltest::ListDir(m_tree->Sub("home/hlogs")), (std::vector<std::string>{"h.txt"}));
   // The clear run says nothing of the legacy logs either.
   EXPECT_EQ(withLegacy.out, ClearConsole());
 }
@@ -262,7 +255,7 @@ TEST_F(ClearRun, ClearingCommandGetsTheRestOfItsLineAsOneArgument) {
 
 TEST_F(ClearRun, LocationsAreTakenApartAtTheirLastSlash) {
   for (const char* name : {"data/logs/a.log", "data/logs/b.txt", "work/w.log", "work/w.txt"})
-    ASSERT_TRUE(WriteFile(tree_->Sub(name), "x\n"));
+    ASSERT_TRUE(WriteFile(m_tree->Sub(name), "x\n"));
   AddConfig("locs.xml",
             Config("Locations",
                    {Group("Locations",
@@ -277,7 +270,7 @@ TEST_F(ClearRun, LocationsAreTakenApartAtTheirLastSlash) {
   EXPECT_EQ(run.out, ClearConsole());
   EXPECT_EQ(Listing(),
             (std::vector<std::string>{"data/logs/", "data/logs/a.log", "data/logs/b.txt"}));
-  EXPECT_EQ(keeltest::ListDir(tree_->Sub("work")), (std::vector<std::string>{"w.log"}));
+  EXPECT_EQ(keeltest::ListDir(m_tree->Sub("work")), (std::vector<std::string>{"w.log"}));
 }
 
 TEST_F(ClearRun, NoInstructionFilesEndsWithTheInternalError) {

@@ -35,32 +35,23 @@ bool StartsWith(const std::string& text, const std::string& prefix) {
   return text.compare(0, prefix.size(), prefix) == 0;
 }
 
-class KeelCliRun : public ::testing::Test {
+class KeelCliRun : public keeltest::IsolatedTree {
  protected:
   void SetUp() override {
-    if (!keeltest::NamespacesAvailable())
-      GTEST_SKIP() << "private mount namespaces refused";
-    ASSERT_FALSE(m_temp.path().empty());
-    fs::create_directories(m_temp.Sub("scratch"));
-    fs::create_directories(m_temp.Sub("bin"));
-    fs::create_directories(m_temp.Sub("home"));
-    fs::create_directories(m_temp.Sub("work"));
-    m_binary = m_temp.Sub("bin/keelcli");
-    std::error_code error;
-    fs::copy_file(keeltest::BuildDir() + "/keelcli", m_binary, error);
-    ASSERT_FALSE(error) << "copying keelcli: " << error.message();
-    ASSERT_EQ(chmod(m_binary.c_str(), 0755), 0);
+    ASSERT_NO_FATAL_FAILURE(MakeTree({"scratch", "bin", "home", "work"}));
+    if (IsSkipped())
+      return;
+    ASSERT_NO_FATAL_FAILURE(CopyBuilt("keelcli", "bin/keelcli"));
+    m_binary = m_tree->Sub("bin/keelcli");
   }
 
-  // Runs keelcli with `args` in the work folder (or `cwd`); log lines are
-  // taken out of its standard output.
   // Runs keelcli with `args` in the work folder (or `cwd`), in a private
   // mount namespace; log lines are taken out of its standard output.
   keeltest::CommandResult RunCli(const std::vector<std::string>& args, std::string cwd = "") {
     std::vector<std::string> argv{m_binary};
     argv.insert(argv.end(), args.begin(), args.end());
     const keeltest::IsolatedResult run = keeltest::RunIsolated(
-        argv, {"HOME=" + Home()}, cwd.empty() ? Work() : cwd, m_temp.Sub("scratch"));
+        argv, {"HOME=" + Home()}, cwd.empty() ? Work() : cwd, m_tree->Sub("scratch"));
     keeltest::CommandResult result;
     result.status = run.status;
     result.out = run.out;
@@ -68,11 +59,9 @@ class KeelCliRun : public ::testing::Test {
     return result;
   }
 
-  std::string Home() const { return m_temp.Sub("home"); }
-  std::string Work() const { return m_temp.Sub("work"); }
+  std::string Home() const { return m_tree->Sub("home"); }
+  std::string Work() const { return m_tree->Sub("work"); }
 
-  // Below the build folder: the namespace hides /tmp.
-  keeltest::TempDir m_temp{keeltest::IsolatedTreeBase()};
   std::string m_binary;
 };
 
@@ -210,7 +199,7 @@ TEST_F(CliBundleLocation, MissingFolderIsRejected) {
 }
 
 TEST_F(CliBundleLocation, MissingFolderAfterTwLogsPrintsNoLegacyLine) {
-  const std::string location = m_temp.Sub("gone/x.zip");
+  const std::string location = m_tree->Sub("gone/x.zip");
   const keeltest::CommandResult result = RunCli({"-twlogs", "-dst", location});
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.out, std::string(kVersion) + kCustom);
@@ -232,7 +221,7 @@ TEST_F(CliBundleLocation, BareNameIsRejectedWithoutSuchFile) {
 }
 
 TEST_F(CliBundleLocation, BareNameIsAcceptedWhenTheFileExists) {
-  ASSERT_TRUE(keeltest::WriteFile(m_temp.Sub("work/relative.zip"), "old"));
+  ASSERT_TRUE(keeltest::WriteFile(m_tree->Sub("work/relative.zip"), "old"));
   const keeltest::CommandResult result = RunCli({"-dst", "relative.zip"});
   EXPECT_EQ(result.status, 0);
   EXPECT_TRUE(StartsWith(result.out, AcceptedRun("relative.zip"))) << result.out;
@@ -247,8 +236,8 @@ TEST_F(CliBundleLocation, DotSlashNameIsAccepted) {
 }
 
 TEST_F(CliBundleLocation, AbsoluteLocationInAnExistingFolderIsAccepted) {
-  fs::create_directories(m_temp.Sub("out"));
-  const std::string location = m_temp.Sub("out/bundle.zip");
+  fs::create_directories(m_tree->Sub("out"));
+  const std::string location = m_tree->Sub("out/bundle.zip");
   const keeltest::CommandResult result = RunCli({"-dst", location});
   EXPECT_EQ(result.status, 0);
   EXPECT_TRUE(StartsWith(result.out, AcceptedRun(location))) << result.out;

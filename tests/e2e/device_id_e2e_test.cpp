@@ -45,20 +45,16 @@ std::string UpperDigest(const std::string& program, const std::string& text) {
   return digest;
 }
 
-class DeviceIdOption : public ::testing::Test {
+class DeviceIdOption : public keeltest::IsolatedTree {
  protected:
   void SetUp() override {
-    if (!keeltest::NamespacesAvailable())
-      GTEST_SKIP() << "private mount namespaces refused";
     root_ = RootDeviceName();
     if (root_.empty())
       GTEST_SKIP() << "the root file system is on no device path";
-    tree_.reset(new keeltest::TempDir(keeltest::IsolatedTreeBase()));
-    for (const char* folder : {"install/xml/config", "home", "work", "scratch", "logs"}) {
-      fs::create_directories(tree_->Sub(folder));
-    }
-    fs::copy_file(keeltest::BuildDir() + "/keelcli", tree_->Sub("install/keelcli"));
-    chmod(tree_->Sub("install/keelcli").c_str(), 0755);
+    ASSERT_NO_FATAL_FAILURE(MakeTree({"install/xml/config", "home", "work", "scratch", "logs"}));
+    if (IsSkipped())
+      return;
+    ASSERT_NO_FATAL_FAILURE(CopyBuilt("keelcli", "install/keelcli"));
   }
 
   // /etc/mtab as the host has it, and a private /dev.
@@ -74,14 +70,13 @@ class DeviceIdOption : public ::testing::Test {
   }
 
   keeltest::IsolatedResult Keel(const std::vector<std::string>& args, bool withByUuid) {
-    std::vector<std::string> argv{tree_->Sub("install/keelcli")};
+    std::vector<std::string> argv{m_tree->Sub("install/keelcli")};
     argv.insert(argv.end(), args.begin(), args.end());
-    return keeltest::RunIsolated(argv, {"HOME=" + tree_->Sub("home")}, tree_->Sub("work"),
-                                 tree_->Sub("scratch"), PrepareDevices(withByUuid));
+    return keeltest::RunIsolated(argv, {"HOME=" + m_tree->Sub("home")}, m_tree->Sub("work"),
+                                 m_tree->Sub("scratch"), PrepareDevices(withByUuid));
   }
 
   std::string root_;
-  std::unique_ptr<keeltest::TempDir> tree_;
 };
 
 TEST_F(DeviceIdOption, ShortOptionPrintsTheSha1OfTheUuidLink) {
@@ -120,18 +115,18 @@ TEST_F(DeviceIdOption, WithoutTheByUuidFolderTheErrorSentenceAndStatusOne) {
 }
 
 TEST_F(DeviceIdOption, AfterClearLogsPrintsTheIdentifierAndClearsNothing) {
-  ASSERT_TRUE(keeltest::WriteFile(tree_->Sub("logs/a.log"), "keep me"));
+  ASSERT_TRUE(keeltest::WriteFile(m_tree->Sub("logs/a.log"), "keep me"));
   ASSERT_TRUE(keeltest::WriteFile(
-      tree_->Sub("install/xml/config/clear.xml"),
+      m_tree->Sub("install/xml/config/clear.xml"),
       "<c><fileGroup><file id=\"x\"><description>x</description><default>true</default><keel>"
       "<os opsys=\"linux\"><file_copy_action><action><loc>" +
-          tree_->Sub("logs/*.log") +
+          m_tree->Sub("logs/*.log") +
           "</loc><clear_log apply=\"true\"/></action></file_copy_action></os></keel></file>"
           "</fileGroup></c>"));
   const keeltest::IsolatedResult run = Keel({"-clearlogs", "-u"}, true);
   EXPECT_EQ(run.status, 0);
   EXPECT_EQ(run.out, "UDID : " + UpperDigest("sha1sum", kUuid) + "\n\r\n");
-  EXPECT_EQ(keeltest::ReadFile(tree_->Sub("logs/a.log")), "keep me");
+  EXPECT_EQ(keeltest::ReadFile(m_tree->Sub("logs/a.log")), "keep me");
 }
 
 }  // namespace

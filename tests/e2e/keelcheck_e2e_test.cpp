@@ -37,35 +37,31 @@ const char kGoodBody[] =
 // The install root of the package, inside the namespace.
 const char kInstallRoot[] = "/opt/velon/tesselclient";
 
-class KeelcheckRun : public ::testing::Test {
+class KeelcheckRun : public keeltest::IsolatedTree {
  protected:
   void SetUp() override {
-    if (!keeltest::NamespacesAvailable())
-      GTEST_SKIP() << "private mount namespaces refused";
-    tree_.reset(new keeltest::TempDir(keeltest::IsolatedTreeBase()));
-    ASSERT_FALSE(tree_->path().empty());
-    for (const char* folder : {"in", "work", "scratch", "bin/xml/config"})
-      fs::create_directories(tree_->Sub(folder));
+    ASSERT_NO_FATAL_FAILURE(MakeTree({"in", "work", "scratch", "bin/xml/config"}));
+    if (IsSkipped())
+      return;
     // The build folder may lie below /tmp, which the namespace hides: the
     // program and the shipped files go along in the tree.
-    fs::copy_file(keeltest::BuildDir() + "/keelcheck", Program());
-    for (const auto& entry : fs::directory_iterator(keeltest::BuildDir() + "/xml/config"))
-      fs::copy_file(entry.path(), tree_->Sub("bin/xml/config/" + entry.path().filename().string()));
+    ASSERT_NO_FATAL_FAILURE(CopyBuilt("keelcheck", "bin/keelcheck"));
+    CopyShippedConfigs("bin/xml/config");
   }
 
-  std::string Program() const { return tree_->Sub("bin/keelcheck"); }
+  std::string Program() const { return m_tree->Sub("bin/keelcheck"); }
 
   void AddFile(const std::string& name, const std::string& text) {
-    ASSERT_TRUE(WriteFile(tree_->Sub("in/" + name), text));
+    ASSERT_TRUE(WriteFile(m_tree->Sub("in/" + name), text));
   }
 
   // Copies the files into /tmp/in, root's alone, then runs `argv` there.
   IsolatedResult Run(const std::vector<std::string>& argv, const std::string& prepare = "",
                      const std::string& inspect = "") {
-    const std::string copy = "mkdir -p /tmp/in && cp -R " + ShellQuote(tree_->Sub("in")) +
+    const std::string copy = "mkdir -p /tmp/in && cp -R " + ShellQuote(m_tree->Sub("in")) +
                              "/. /tmp/in/ && chown -R 0:0 /tmp/in && chmod -R go-w /tmp/in\n";
     return keeltest::RunIsolated(argv, {"PATH=/usr/sbin:/usr/bin:/sbin:/bin"}, "/tmp/in",
-                                 tree_->Sub("scratch"), copy + prepare, inspect);
+                                 m_tree->Sub("scratch"), copy + prepare, inspect);
   }
 
   IsolatedResult Keelcheck(const std::vector<std::string>& args) {
@@ -79,13 +75,11 @@ class KeelcheckRun : public ::testing::Test {
   std::string InstallShippedSet() const {
     return std::string("mkdir -p ") + kInstallRoot + "/xml/config /tmp/bin && cp " +
            ShellQuote(Program()) + " " + kInstallRoot + "/keelcheck && cp " +
-           ShellQuote(tree_->Sub("bin/xml/config")) + "/*.xml " + kInstallRoot +
+           ShellQuote(m_tree->Sub("bin/xml/config")) + "/*.xml " + kInstallRoot +
            "/xml/config/ && ln -s " + kInstallRoot + "/keelcheck /tmp/bin/keelcheck\n";
   }
 
-  std::string Inspect() const { return ReadFile(tree_->Sub("scratch/inspect.txt")); }
-
-  std::unique_ptr<keeltest::TempDir> tree_;
+  std::string Inspect() const { return ReadFile(m_tree->Sub("scratch/inspect.txt")); }
 };
 
 TEST_F(KeelcheckRun, FindingLinesAndExitStatusOfTheRealProgram) {
@@ -173,7 +167,7 @@ TEST_F(KeelcheckRun, ShippedSetValidatesWithXmllintAndTheBuiltInGrammar) {
   // A file that both refuse: a misspelt name.
   AddFile("bad.xml", OneInstruction("<defualt>true</defualt>\n<keel><os opsys=\"linux\"/></keel>"));
   keeltest::Shell("xmllint --noout --relaxng " + ShellQuote(schema) + " " +
-                      ShellQuote(tree_->Sub("in/bad.xml")) + " 2>/dev/null",
+                      ShellQuote(m_tree->Sub("in/bad.xml")) + " 2>/dev/null",
                   &status);
   EXPECT_NE(status, 0);
   EXPECT_EQ(Keelcheck({"bad.xml"}).status, 1);

@@ -155,31 +155,27 @@ constexpr size_t kTranslationTableField = 16;
 // A copy of keelcli in a tree of its own below the build folder, an install
 // folder staged beside it, and runs in a private namespace whose
 // /opt/velon/tesselclient/ is a copy of that staged folder.
-class PolicyEndToEnd : public ::testing::Test {
+class PolicyEndToEnd : public keeltest::IsolatedTree {
  protected:
   void SetUp() override {
-    if (!keeltest::NamespacesAvailable())
-      GTEST_SKIP() << "private mount namespaces refused";
-    tree_.reset(new keeltest::TempDir(keeltest::IsolatedTreeBase()));
-    ASSERT_FALSE(tree_->path().empty());
-    for (const char* folder : {"bin/xml/config", "home", "work", "out", "scratch", "stage", "po"}) {
-      fs::create_directories(tree_->Sub(folder));
-    }
-    fs::copy_file(keeltest::BuildDir() + "/keelcli", tree_->Sub("bin/keelcli"));
-    ASSERT_EQ(chmod(tree_->Sub("bin/keelcli").c_str(), 0755), 0);
+    ASSERT_NO_FATAL_FAILURE(
+        MakeTree({"bin/xml/config", "home", "work", "out", "scratch", "stage", "po"}));
+    if (IsSkipped())
+      return;
+    ASSERT_NO_FATAL_FAILURE(CopyBuilt("keelcli", "bin/keelcli"));
   }
 
   // Puts `content` at `relative` below the install folder.
   void Install(const std::string& relative, const std::string& content) {
-    ASSERT_TRUE(WriteFile(tree_->Sub("stage/" + relative), content));
+    ASSERT_TRUE(WriteFile(m_tree->Sub("stage/" + relative), content));
   }
 
   void InstallPolicy(const std::string& text) { Install("TidewalkerLocalPolicy.xml", text); }
 
   // The bytes of a catalogue compiled by msgfmt from `messages`.
   std::string Compiled(const Messages& messages, const std::string& charset = "utf-8") {
-    const std::string po = tree_->Sub("po/messages.po");
-    const std::string mo = tree_->Sub("po/messages.mo");
+    const std::string po = m_tree->Sub("po/messages.po");
+    const std::string mo = m_tree->Sub("po/messages.mo");
     EXPECT_TRUE(WriteFile(po, PoText(messages, charset)));
     const keeltest::CommandResult made = keeltest::Run({"msgfmt", "-o", mo, po});
     EXPECT_EQ(made.status, 0) << made.err;
@@ -203,16 +199,16 @@ class PolicyEndToEnd : public ::testing::Test {
   // `env` added.
   IsolatedResult Keel(const std::vector<std::string>& args,
                       const std::vector<std::string>& env = {}) {
-    std::vector<std::string> argv{tree_->Sub("bin/keelcli")};
+    std::vector<std::string> argv{m_tree->Sub("bin/keelcli")};
     argv.insert(argv.end(), args.begin(), args.end());
-    std::vector<std::string> environment{"HOME=" + tree_->Sub("home"), "USER=tester"};
+    std::vector<std::string> environment{"HOME=" + m_tree->Sub("home"), "USER=tester"};
     environment.insert(environment.end(), env.begin(), env.end());
     // Refuses to copy unless /opt is the namespace's own tmpfs, so nothing
     // can land in the host's real /opt.
     const std::string prepare =
         "mountpoint -q /opt || exit 94\nmkdir -p /opt/velon/tesselclient && cp -R " +
-        Quote(tree_->Sub("stage") + "/.") + " /opt/velon/tesselclient/ || exit 95\n";
-    return keeltest::RunIsolated(argv, environment, tree_->Sub("work"), tree_->Sub("scratch"),
+        Quote(m_tree->Sub("stage") + "/.") + " /opt/velon/tesselclient/ || exit 95\n";
+    return keeltest::RunIsolated(argv, environment, m_tree->Sub("work"), m_tree->Sub("scratch"),
                                  prepare);
   }
 
@@ -225,8 +221,6 @@ class PolicyEndToEnd : public ::testing::Test {
     EXPECT_EQ(run.err, "");
     EXPECT_EQ(run.tmpListing, "");
   }
-
-  std::unique_ptr<keeltest::TempDir> tree_;
 };
 
 // Policy load.
@@ -268,7 +262,7 @@ TEST_F(PolicyEndToEnd, NoPolicyDocumentWritesNoFipsLine) {
 }
 
 TEST_F(PolicyEndToEnd, FolderInPlaceOfThePolicyCountsAsNoDocument) {
-  fs::create_directories(tree_->Sub("stage/TidewalkerLocalPolicy.xml"));
+  fs::create_directories(m_tree->Sub("stage/TidewalkerLocalPolicy.xml"));
   const IsolatedResult run = Version();
   ExpectVersionText(run, kNotice);
   EXPECT_EQ(LevelsHolding(run.log, kFipsAny), Levels{}) << run.log;
@@ -359,15 +353,15 @@ TEST_F(PolicyEndToEnd, VersionAttributeOnAnotherElementIsNotCompared) {
 
 TEST_F(PolicyEndToEnd, BundleRunReportsFipsOnceAndStillMakesTheBundle) {
   InstallPolicy(Policy("<FipsMode>true</FipsMode>", "5.1.9.113"));
-  ASSERT_TRUE(WriteFile(tree_->Sub("src/a.log"), "alpha\n"));
+  ASSERT_TRUE(WriteFile(m_tree->Sub("src/a.log"), "alpha\n"));
   ASSERT_TRUE(
-      WriteFile(tree_->Sub("bin/xml/config/one.xml"),
+      WriteFile(m_tree->Sub("bin/xml/config/one.xml"),
                 "<config><configure><title>One</title></configure><fileGroup treeRootName=\"One\">"
                 "<title>One</title><file id=\"alpha\"><description>alpha</description>"
                 "<default>true</default><keel><os opsys=\"linux\"><file_copy_action><action><loc>" +
-                    tree_->Sub("src/a.log") +
+                    m_tree->Sub("src/a.log") +
                     "</loc></action></file_copy_action></os></keel></file></fileGroup></config>"));
-  const std::string bundle = tree_->Sub("out/policy.zip");
+  const std::string bundle = m_tree->Sub("out/policy.zip");
   const IsolatedResult run = Keel({"-dst", bundle});
   ASSERT_EQ(run.status, 0) << run.err << run.log;
   const std::string head = VersionBlock(kNotice) +
@@ -431,7 +425,7 @@ class CatalogEndToEnd : public PolicyEndToEnd {
   // Builds the locale `name` (from en_US, UTF-8) into the tree and adds the
   // variables that select it; false when localedef can't build it here.
   bool UseLocale(const std::string& name, const std::string& variable = "LANG") {
-    const std::string folder = tree_->Sub("locales");
+    const std::string folder = m_tree->Sub("locales");
     fs::create_directories(folder);
     const keeltest::CommandResult built =
         keeltest::Run({"localedef", "-i", "en_US", "-f", "UTF-8", folder + "/" + name});
@@ -449,7 +443,7 @@ class CatalogEndToEnd : public PolicyEndToEnd {
   // is the library's, not the program's, so the program's leak check is
   // told to pass over it; the caller's other options stay.
   std::string LeakCheckOptions() {
-    const std::string suppressions = tree_->Sub("lsan-suppressions.txt");
+    const std::string suppressions = m_tree->Sub("lsan-suppressions.txt");
     EXPECT_TRUE(WriteFile(suppressions, "leak:__argz_add_sep\n"));
     const char* inherited = getenv("LSAN_OPTIONS");
     std::string options =
@@ -607,8 +601,8 @@ TEST_F(CatalogEndToEnd, UpperCaseCharsetIsLoggedButStillTranslates) {
 
 TEST_F(CatalogEndToEnd, BigEndianCatalogueReadsTheSame) {
   USE_LOCALE_OR_SKIP("en_US.UTF-8");
-  const std::string po = tree_->Sub("po/big.po");
-  const std::string mo = tree_->Sub("po/big.mo");
+  const std::string po = m_tree->Sub("po/big.po");
+  const std::string mo = m_tree->Sub("po/big.mo");
   ASSERT_TRUE(WriteFile(po, PoText({{kNotice, kFrenchNotice}}, "utf-8")));
   ASSERT_EQ(keeltest::Run({"msgfmt", "--endianness=big", "-o", mo, po}).status, 0);
   const std::string bytes = ReadFile(mo);
@@ -703,10 +697,10 @@ TEST_F(CatalogEndToEnd, TranslatedNoticeHeadsABundleRunToo) {
   USE_LOCALE_OR_SKIP("en_US.UTF-8");
   InstallProductCatalogue("en-us", Compiled({{kNotice, kFrenchNotice}}));
   ASSERT_TRUE(
-      WriteFile(tree_->Sub("bin/xml/config/one.xml"),
+      WriteFile(m_tree->Sub("bin/xml/config/one.xml"),
                 "<config><configure><title>One</title></configure><fileGroup treeRootName=\"One\">"
                 "<title>One</title></fileGroup></config>"));
-  const std::string bundle = tree_->Sub("out/fr.zip");
+  const std::string bundle = m_tree->Sub("out/fr.zip");
   const IsolatedResult run = Keel({"-dst", bundle}, locale_env_);
   ASSERT_EQ(run.status, 0) << run.err << run.log;
   const std::string head = VersionBlock(kFrenchNotice) +

@@ -140,23 +140,18 @@ std::string InvokedWithCode(const std::string& invoked, ResultCode code) {
   return text;
 }
 
-class ProgramRun : public ::testing::Test {
+class ProgramRun : public keeltest::IsolatedTree {
  protected:
   void SetUp() override {
-    if (!keeltest::NamespacesAvailable())
-      GTEST_SKIP() << "private mount namespaces refused";
-    tree_.reset(new keeltest::TempDir(keeltest::IsolatedTreeBase()));
-    ASSERT_FALSE(tree_->path().empty());
-    for (const char* folder :
-         {"install/xml/config", "home/Desktop", "work", "out", "scratch", "bin", "outside"}) {
-      fs::create_directories(tree_->Sub(folder));
-    }
-    fs::copy_file(keeltest::BuildDir() + "/keelcli", tree_->Sub("install/keelcli"));
-    chmod(tree_->Sub("install/keelcli").c_str(), 0755);
+    ASSERT_NO_FATAL_FAILURE(MakeTree(
+        {"install/xml/config", "home/Desktop", "work", "out", "scratch", "bin", "outside"}));
+    if (IsSkipped())
+      return;
+    ASSERT_NO_FATAL_FAILURE(CopyBuilt("keelcli", "install/keelcli"));
   }
 
-  std::string Bin() const { return tree_->Sub("bin"); }
-  std::string Outside(const std::string& name) const { return tree_->Sub("outside/" + name); }
+  std::string Bin() const { return m_tree->Sub("bin"); }
+  std::string Outside(const std::string& name) const { return m_tree->Sub("outside/" + name); }
   std::string PathElement() const { return "<path>" + Bin() + "</path>"; }
 
   // An executable /bin/sh script in the program folder.
@@ -176,20 +171,20 @@ class ProgramRun : public ::testing::Test {
   }
 
   void AddConfig(const std::string& name, const std::string& text) {
-    ASSERT_TRUE(WriteFile(tree_->Sub("install/xml/config/" + name), text));
+    ASSERT_TRUE(WriteFile(m_tree->Sub("install/xml/config/" + name), text));
   }
 
   // A custom run into out/<name>.zip; returns the bundle's path in `bundle`.
   IsolatedResult Keel(const std::string& name, std::string* bundle,
                       const std::string& inspect = "") {
-    *bundle = tree_->Sub("out/" + name + ".zip");
+    *bundle = m_tree->Sub("out/" + name + ".zip");
     return keeltest::RunIsolated(
-        {tree_->Sub("install/keelcli"), "-dst", *bundle},
-        {"HOME=" + tree_->Sub("home"), "USER=tester", "PATH=/usr/bin:/bin"}, tree_->Sub("work"),
-        tree_->Sub("scratch"), "", inspect);
+        {m_tree->Sub("install/keelcli"), "-dst", *bundle},
+        {"HOME=" + m_tree->Sub("home"), "USER=tester", "PATH=/usr/bin:/bin"}, m_tree->Sub("work"),
+        m_tree->Sub("scratch"), "", inspect);
   }
 
-  std::string Inspect() const { return ReadFile(tree_->Sub("scratch/inspect.txt")); }
+  std::string Inspect() const { return ReadFile(m_tree->Sub("scratch/inspect.txt")); }
 
   // The whole console of a custom run with one config; `middle` is what
   // stands between reading the instructions and zipping.
@@ -209,8 +204,6 @@ class ProgramRun : public ::testing::Test {
     const size_t at = summary.find("\n" + std::string(141, '='));
     return at == std::string::npos ? summary : summary.substr(at);
   }
-
-  std::unique_ptr<keeltest::TempDir> tree_;
 };
 
 TEST_F(ProgramRun, ShellFormPutsTheBannerAndTheOutputIntoTheNamedFile) {
@@ -706,7 +699,7 @@ TEST_F(ProgramRun, ShellFormIntoAnOutsideFileAppendsThenCopiesIt) {
 }
 
 TEST_F(ProgramRun, VariablesAreExpandedInPathCommandLineAndTempOut) {
-  const std::string home = tree_->Sub("home");
+  const std::string home = m_tree->Sub("home");
   fs::create_directories(home + "/tools");
   const std::string script = home + "/tools/argv.sh";
   ASSERT_TRUE(WriteFile(script,
@@ -727,8 +720,8 @@ TEST_F(ProgramRun, VariablesAreExpandedInPathCommandLineAndTempOut) {
 }
 
 TEST_F(ProgramRun, PluginFolderLiesBesideTheProgram) {
-  fs::create_directories(tree_->Sub("install/plugin/tools"));
-  const std::string script = tree_->Sub("install/plugin/tools/plug.sh");
+  fs::create_directories(m_tree->Sub("install/plugin/tools"));
+  const std::string script = m_tree->Sub("install/plugin/tools/plug.sh");
   ASSERT_TRUE(WriteFile(script, "#!/bin/sh\necho \"plugged $0\"\n"));
   ASSERT_EQ(chmod(script.c_str(), 0755), 0);
   Script("quoted.sh", "echo quoted\n");
@@ -744,7 +737,7 @@ TEST_F(ProgramRun, PluginFolderLiesBesideTheProgram) {
   const IsolatedResult run = Keel("plugins", &bundle);
   ASSERT_EQ(run.status, 0) << run.err;
   EXPECT_EQ(ZipEntry(bundle, "plug_result.txt"),
-            Banner("plug.sh") + "plugged " + tree_->Sub("install/./plugin/tools/plug.sh") + "\n");
+            Banner("plug.sh") + "plugged " + m_tree->Sub("install/./plugin/tools/plug.sh") + "\n");
   EXPECT_EQ(ZipEntry(bundle, "quoted_result.txt"), Banner("quoted.sh") + "quoted\n");
 }
 
@@ -817,7 +810,7 @@ TEST_F(ProgramRun, OutsideFilesAreDeletedWhenTheirGroupIsDone) {
   EXPECT_EQ(ZipEntry(bundle, "a.txt"), "first\n");
   EXPECT_EQ(ZipEntry(bundle, "b.txt"), "a.txt present\n");
   EXPECT_EQ(ZipEntry(bundle, "c.txt"), "a.txt absent\n");
-  EXPECT_EQ(keeltest::ListDir(tree_->Sub("outside")), std::vector<std::string>{});
+  EXPECT_EQ(keeltest::ListDir(m_tree->Sub("outside")), std::vector<std::string>{});
   EXPECT_EQ(Sections(bundle),
             SectionHead("Groups") + Included("groups", "a.txt", "two groups", Bytes(6)) +
                 Included("groups", "b.txt", "two groups", Bytes(14)) +

@@ -75,26 +75,23 @@ std::string Squeezed(const std::string& text) {
   return squeezed;
 }
 
-class SharedHostRun : public ::testing::Test {
+class SharedHostRun : public keeltest::IsolatedTree {
  protected:
   void SetUp() override {
-    if (!keeltest::NamespacesAvailable())
-      GTEST_SKIP() << "private mount namespaces refused";
-    tree_.reset(new keeltest::TempDir(keeltest::IsolatedTreeBase()));
-    ASSERT_FALSE(tree_->path().empty());
+    ASSERT_NO_FATAL_FAILURE(
+        MakeTree({"install/xml/config", "home", "work", "out", "scratch", "src"}));
+    if (IsSkipped())
+      return;
     // The other user must be able to reach what the tests let them try.
-    chmod(tree_->path().c_str(), 0755);
-    for (const char* folder : {"install/xml/config", "home", "work", "out", "scratch", "src"})
-      fs::create_directories(tree_->Sub(folder));
-    fs::copy_file(keeltest::BuildDir() + "/keelcli", tree_->Sub("install/keelcli"));
-    chmod(tree_->Sub("install/keelcli").c_str(), 0755);
+    chmod(m_tree->path().c_str(), 0755);
+    ASSERT_NO_FATAL_FAILURE(CopyBuilt("keelcli", "install/keelcli"));
   }
 
-  std::string Src(const std::string& name) const { return tree_->Sub("src/" + name); }
-  std::string Keelcli() const { return tree_->Sub("install/keelcli"); }
+  std::string Src(const std::string& name) const { return m_tree->Sub("src/" + name); }
+  std::string Keelcli() const { return m_tree->Sub("install/keelcli"); }
 
   void AddConfig(const std::string& instructions) {
-    ASSERT_TRUE(WriteFile(tree_->Sub("install/xml/config/shared.xml"), Config(instructions)));
+    ASSERT_TRUE(WriteFile(m_tree->Sub("install/xml/config/shared.xml"), Config(instructions)));
   }
 
   void AddScript(const std::string& name, const std::string& body) {
@@ -104,8 +101,8 @@ class SharedHostRun : public ::testing::Test {
 
   IsolatedResult Run(const std::vector<std::string>& argv, const std::string& prepare = "",
                      const std::string& inspect = "", const std::string& tmpOptions = "") {
-    return keeltest::RunIsolated(argv, {"HOME=" + tree_->Sub("home"), "USER=tester"},
-                                 tree_->Sub("work"), tree_->Sub("scratch"), prepare, inspect,
+    return keeltest::RunIsolated(argv, {"HOME=" + m_tree->Sub("home"), "USER=tester"},
+                                 m_tree->Sub("work"), m_tree->Sub("scratch"), prepare, inspect,
                                  tmpOptions);
   }
 
@@ -114,9 +111,7 @@ class SharedHostRun : public ::testing::Test {
     return Run({Keelcli(), "-dst", bundle}, prepare, inspect, tmpOptions);
   }
 
-  std::string Inspect() const { return ReadFile(tree_->Sub("scratch/inspect.txt")); }
-
-  std::unique_ptr<keeltest::TempDir> tree_;
+  std::string Inspect() const { return ReadFile(m_tree->Sub("scratch/inspect.txt")); }
 };
 
 // The fresh names a run started within the next half minute would have
@@ -162,7 +157,7 @@ TEST_F(SharedHostRun, FreshNamesPreparedByAnotherUserAreNeverAdopted) {
     }
     prepare += kNobody + std::string("ln -s /opt/victim.txt ") + name + "/summary.txt\n";
   }
-  const std::string bundle = tree_->Sub("out/b.zip");
+  const std::string bundle = m_tree->Sub("out/b.zip");
   const IsolatedResult run =
       Keel(bundle, prepare,
            "cat /opt/victim.txt; find /tmp/trap* /tmp/KEEL_Temp_Bundle_* -mindepth 1 "
@@ -181,7 +176,7 @@ TEST_F(SharedHostRun, PlainNameLinkedToAFolderLeavesThatFolderAlone) {
       "mkdir /opt/victim && echo precious > /opt/victim/keep.txt && echo more > "
       "/opt/victim/more.txt\n" +
       std::string(kNobody) + "ln -s /opt/victim /tmp/KEEL_Temp_Bundle\n";
-  const std::string bundle = tree_->Sub("out/b.zip");
+  const std::string bundle = m_tree->Sub("out/b.zip");
   const IsolatedResult run = Keel(bundle, prepare,
                                   "cat /opt/victim/keep.txt /opt/victim/more.txt; "
                                   "readlink /tmp/KEEL_Temp_Bundle");
@@ -210,7 +205,7 @@ TEST_F(SharedHostRun, CopiesAndBundleStayUnreadableToOtherUsersDuringAndAfterThe
   // Instructions run in the order of their ids: the probe comes last.
   AddConfig(FileInstruction("a-secret", CopyFile(Src("secret.log"))) +
             FileInstruction("b-tree", CopyFolder(Src("tree"))) +
-            FileInstruction("c-probe", Launch(tree_->Sub("src"), "probe.sh")));
+            FileInstruction("c-probe", Launch(m_tree->Sub("src"), "probe.sh")));
   const IsolatedResult run =
       Run({"/bin/sh", "-c", "umask 022; exec " + ShellQuote(Keelcli()) + " -dst /tmp/out/b.zip"},
           "mkdir -m 0755 /tmp/out\n",
@@ -229,7 +224,7 @@ TEST_F(SharedHostRun, CopyThatFillsTmpIsOmittedWithTheSystemsWords) {
   ASSERT_TRUE(WriteFile(Src("small.log"), "small\n"));
   AddConfig(FileInstruction("big", CopyFile(Src("big.log"))) +
             FileInstruction("small", CopyFile(Src("small.log"))));
-  const std::string bundle = tree_->Sub("out/b.zip");
+  const std::string bundle = m_tree->Sub("out/b.zip");
   const IsolatedResult run = Keel(bundle, "", "", "size=1m");
   ASSERT_EQ(0, run.status) << run.err;
   EXPECT_NE(std::string::npos, run.out.find(kFinished)) << run.out;
@@ -258,7 +253,7 @@ TEST_F(SharedHostRun, SummaryThatCannotBeWrittenWholeGivesNoBundle) {
     ASSERT_TRUE(WriteFile(Src("fill.log"), std::string(size, 'f')));
     AddConfig(FileInstruction("fill", CopyFile(Src("fill.log"))) +
               FileInstruction("small", CopyFile(Src("small.log"))));
-    const std::string bundle = tree_->Sub("out/b" + std::to_string(pagesLeft) + ".zip");
+    const std::string bundle = m_tree->Sub("out/b" + std::to_string(pagesLeft) + ".zip");
     const IsolatedResult run = Keel(bundle, "", "", "size=1m");
     ASSERT_EQ(0, run.status) << run.err;
     if (keeltest::PathExists(bundle)) {
@@ -295,7 +290,7 @@ TEST_P(InterruptedRun, EndsTheProgramsAndRemovesTheWorkingFolder) {
   // The copies, a sub-folder among them, are made before the program starts.
   AddConfig(FileInstruction("a-alpha", CopyFile(Src("a.log"))) +
             FileInstruction("b-tree", CopyFolder(Src("tree"))) +
-            FileInstruction("c-slow", Launch(tree_->Sub("src"), "slow.sh")));
+            FileInstruction("c-slow", Launch(m_tree->Sub("src"), "slow.sh")));
   const IsolatedResult run = Run(
       {"timeout", "--preserve-status", "-s", GetParam(), "4", Keelcli(), "-dst", "/tmp/out/b.zip"},
       "mkdir /tmp/out\n",
@@ -315,8 +310,8 @@ INSTANTIATE_TEST_SUITE_P(Signals, InterruptedRun, ::testing::Values("INT", "TERM
 TEST_F(SharedHostRun, ProgramsReadNothingFromTheToolsInput) {
   AddScript("readin.sh", "read line; echo \"got [$line]\" > /opt/readin.txt");
   AddConfig(FileInstruction("shell", Captured("/bin", "cat", "cat.txt")) +
-            FileInstruction("launch", Launch(tree_->Sub("src"), "readin.sh")));
-  const std::string bundle = tree_->Sub("out/b.zip");
+            FileInstruction("launch", Launch(m_tree->Sub("src"), "readin.sh")));
+  const std::string bundle = m_tree->Sub("out/b.zip");
   // The tool's input is a pipe that stays open and never says anything.
   const IsolatedResult run =
       Run({"/bin/sh", "-c",
@@ -336,18 +331,18 @@ TEST_F(SharedHostRun, TwoRunsStartedTogetherKeepTheirOwnFiles) {
   // Each run holds its copy in its working folder for a second, so that
   // the two runs are at work together.
   AddScript("pause.sh", "sleep 1");
-  const std::string pause = FileInstruction("b-pause", Launch(tree_->Sub("src"), "pause.sh"));
+  const std::string pause = FileInstruction("b-pause", Launch(m_tree->Sub("src"), "pause.sh"));
   AddConfig(FileInstruction("a-alpha", CopyFile(Src("a.log"))) + pause);
-  fs::create_directories(tree_->Sub("second/xml/config"));
-  fs::copy_file(Keelcli(), tree_->Sub("second/keelcli"));
-  chmod(tree_->Sub("second/keelcli").c_str(), 0755);
-  ASSERT_TRUE(WriteFile(tree_->Sub("second/xml/config/shared.xml"),
+  fs::create_directories(m_tree->Sub("second/xml/config"));
+  fs::copy_file(Keelcli(), m_tree->Sub("second/keelcli"));
+  chmod(m_tree->Sub("second/keelcli").c_str(), 0755);
+  ASSERT_TRUE(WriteFile(m_tree->Sub("second/xml/config/shared.xml"),
                         Config(FileInstruction("a-beta", CopyFile(Src("b.log"))) + pause)));
-  const std::string first = tree_->Sub("out/a.zip");
-  const std::string second = tree_->Sub("out/b.zip");
+  const std::string first = m_tree->Sub("out/a.zip");
+  const std::string second = m_tree->Sub("out/b.zip");
   const IsolatedResult run = Run({"/bin/sh", "-c",
                                   ShellQuote(Keelcli()) + " -dst " + ShellQuote(first) + " & " +
-                                      ShellQuote(tree_->Sub("second/keelcli")) + " -dst " +
+                                      ShellQuote(m_tree->Sub("second/keelcli")) + " -dst " +
                                       ShellQuote(second) + " & wait"});
   ASSERT_EQ(0, run.status) << run.err;
   EXPECT_EQ((std::vector<std::string>{"a.log", "summary.txt"}),

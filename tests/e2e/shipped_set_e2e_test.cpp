@@ -104,23 +104,15 @@ std::string RandomSecret(const char* label) {
   return text.str();
 }
 
-class ShippedSet : public ::testing::Test {
+class ShippedSet : public keeltest::IsolatedTree {
  protected:
   void SetUp() override {
-    if (!keeltest::NamespacesAvailable())
-      GTEST_SKIP() << "private mount namespaces refused";
-    tree_.reset(new keeltest::TempDir(keeltest::IsolatedTreeBase()));
-    ASSERT_FALSE(tree_->path().empty());
-    for (const char* folder : {"install/xml/config", "home/Desktop", "work", "out", "scratch"})
-      fs::create_directories(tree_->Sub(folder));
-    fs::copy_file(keeltest::BuildDir() + "/keelcli", tree_->Sub("install/keelcli"));
-    fs::permissions(tree_->Sub("install/keelcli"),
-                    fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
-                        fs::perms::others_read | fs::perms::others_exec);
-    for (const auto& entry : fs::directory_iterator(keeltest::BuildDir() + "/xml/config")) {
-      fs::copy_file(entry.path(),
-                    tree_->Sub("install/xml/config/" + entry.path().filename().string()));
-    }
+    ASSERT_NO_FATAL_FAILURE(
+        MakeTree({"install/xml/config", "home/Desktop", "work", "out", "scratch"}));
+    if (IsSkipped())
+      return;
+    ASSERT_NO_FATAL_FAILURE(CopyBuilt("keelcli", "install/keelcli"));
+    CopyShippedConfigs("install/xml/config");
   }
 
   // A bundle run whose standard input holds `input`, which no program may
@@ -128,15 +120,15 @@ class ShippedSet : public ::testing::Test {
   IsolatedResult Bundle(const std::string& bundle, const std::string& input,
                         const std::string& prepare) {
     const std::string script = "printf '%s\\n' " + ShellQuote(input) + " | \"$0\" -dst \"$1\"";
-    return keeltest::RunIsolated({"/bin/sh", "-c", script, tree_->Sub("install/keelcli"), bundle},
-                                 {kRootPath, "HOME=" + tree_->Sub("home"), "USER=root"},
-                                 tree_->Sub("work"), tree_->Sub("scratch"), prepare);
+    return keeltest::RunIsolated({"/bin/sh", "-c", script, m_tree->Sub("install/keelcli"), bundle},
+                                 {kRootPath, "HOME=" + m_tree->Sub("home"), "USER=root"},
+                                 m_tree->Sub("work"), m_tree->Sub("scratch"), prepare);
   }
 
   // The bundle's entries by name, unpacked once by unzip, which also
   // tests the archive.
   std::map<std::string, std::string> Unpack(const std::string& bundle) {
-    const std::string folder = tree_->Sub("unpacked");
+    const std::string folder = m_tree->Sub("unpacked");
     int status = -1;
     keeltest::Shell("unzip -q -o " + ShellQuote(bundle) + " -d " + ShellQuote(folder), &status);
     EXPECT_EQ(status, 0);
@@ -149,14 +141,12 @@ class ShippedSet : public ::testing::Test {
     }
     return entries;
   }
-
-  std::unique_ptr<keeltest::TempDir> tree_;
 };
 
 TEST_F(ShippedSet, EveryProgramLeavesItsBannerAndNoneFailsByItsInstruction) {
-  const std::vector<ShippedProgram> programs = ShippedPrograms(tree_->Sub("install/xml/config"));
+  const std::vector<ShippedProgram> programs = ShippedPrograms(m_tree->Sub("install/xml/config"));
   ASSERT_GE(programs.size(), 10u);
-  const std::string bundle = tree_->Sub("out/shipped.zip");
+  const std::string bundle = m_tree->Sub("out/shipped.zip");
   const std::string input = RandomSecret("stdin-");
   const IsolatedResult run = Bundle(bundle, input, "");
   ASSERT_EQ(run.status, 0) << run.err;
@@ -218,7 +208,7 @@ TEST_F(ShippedSet, PlantedSecretsStayOutOfTheBundle) {
       ShellQuote(clientKey) +
       " > /opt/velon/tesselclient/client.key\n"
       "printf 'client started\\n' > /opt/velon/tesselclient/log/client.log\n";
-  const std::string bundle = tree_->Sub("out/secrets.zip");
+  const std::string bundle = m_tree->Sub("out/secrets.zip");
   const IsolatedResult run = Bundle(bundle, "", prepare);
   ASSERT_EQ(run.status, 0) << run.err;
 
