@@ -18,10 +18,6 @@ constexpr size_t kFileBlockSize = 1024;
 
 }  // namespace
 
-void COpenSSLHash::ContextFree::operator()(EVP_MD_CTX* context) const {
-  EVP_MD_CTX_free(context);
-}
-
 COpenSSLHash::COpenSSLHash(ResultCode* result, const char* hashName) {
   *result = HASH_ERROR_UNKNOWN;
   if (hashName == nullptr) {

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "Common/Result/ResultCode.h"
+#include "Common/Utility/ScopedHandles.h"
 
 typedef struct evp_md_ctx_st EVP_MD_CTX;
 
@@ -48,15 +49,11 @@ class COpenSSLHash : public CHash {
   ResultCode GetHash(std::string& out) override;
 
  private:
-  struct ContextFree {
-    void operator()(EVP_MD_CTX* context) const;
-  };
-
   bool IsOpen() const { return m_initialized && !m_finalized; }
 
   bool m_initialized = false;
   bool m_finalized = false;
-  std::unique_ptr<EVP_MD_CTX, ContextFree> m_context;
+  DigestContextHandle m_context;
 };
 
 // Hashes the bytes of `data` (no terminator) and puts the hex text in `out`.

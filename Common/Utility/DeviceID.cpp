@@ -16,11 +16,6 @@
 
 namespace {
 
-struct MountTableCloser {
-  void operator()(FILE* table) const { endmntent(table); }
-};
-using MountTable = std::unique_ptr<FILE, MountTableCloser>;
-
 // Room for one line of the mount table; longer lines are cut by the C library.
 constexpr size_t kMountLineSize = 8192;
 
@@ -66,7 +61,8 @@ std::string getTargetPath(const std::string& path) {
 }
 
 std::string getDeviceNameForRoot(const HostPaths& paths) {
-  MountTable table(setmntent(paths.mountTable.c_str(), "r"));
+  // endmntent only closes the stream, as the owner does.
+  FileHandle table(setmntent(paths.mountTable.c_str(), "r"));
   if (!table) {
     KLOG_E("setmntent error");
     return std::string();

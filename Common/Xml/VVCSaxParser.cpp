@@ -10,6 +10,7 @@
 
 #include "Common/Log/BoundedText.h"
 #include "Common/Log/Log.h"
+#include "Common/Utility/ScopedHandles.h"
 #include "Common/Utility/sysutils.h"
 
 namespace {
@@ -37,22 +38,17 @@ class ParserContext {
  public:
   explicit ParserContext(xmlParserCtxtPtr context) : m_context(context) {}
   ~ParserContext() {
-    if (m_context == nullptr) {
+    if (!m_context)
       return;
-    }
-    if (m_installed) {
+    if (m_installed)
       m_context->sax = m_savedHandler;
-    }
-    if (m_context->myDoc != nullptr) {
-      xmlFreeDoc(m_context->myDoc);
-      m_context->myDoc = nullptr;
-    }
-    xmlFreeParserCtxt(m_context);
+    XmlDocHandle built(m_context->myDoc);
+    m_context->myDoc = nullptr;
   }
   ParserContext(const ParserContext&) = delete;
   ParserContext& operator=(const ParserContext&) = delete;
 
-  xmlParserCtxtPtr get() const { return m_context; }
+  xmlParserCtxtPtr get() const { return m_context.get(); }
 
   // `handler` must outlive this object.
   void InstallHandler(xmlSAXHandler* handler) {
@@ -62,7 +58,7 @@ class ParserContext {
   }
 
  private:
-  xmlParserCtxtPtr m_context;
+  XmlParserContextHandle m_context;
   xmlSAXHandlerPtr m_savedHandler = nullptr;
   bool m_installed = false;
 };

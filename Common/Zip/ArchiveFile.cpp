@@ -53,22 +53,22 @@ ResultCode CArchiveFile::create(const std::string& path) {
   }
   // Every later step works relative to this descriptor, so that a folder
   // renamed or replaced meanwhile can't redirect the rename.
-  m_folderFd = open(m_folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (m_folderFd < 0) {
+  m_folderFd.reset(open(m_folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!m_folderFd.valid()) {
     const int error = errno;
     KLOG_E("Could not open the folder of the archive \"%s\": %s", m_folder.c_str(),
            errnoText(error).c_str());
     return GLOBAL_ERROR_BAD_PARAMETER;
   }
-  m_hadOld = fstatat(m_folderFd, m_name.c_str(), &m_old, AT_SYMLINK_NOFOLLOW) == 0 &&
+  m_hadOld = fstatat(m_folderFd.get(), m_name.c_str(), &m_old, AT_SYMLINK_NOFOLLOW) == 0 &&
              S_ISREG(m_old.st_mode);
 
   // mkostemp creates with O_EXCL: an existing name, a planted link among
   // them, is never opened, only passed over for another.
   std::string pattern =
       (m_folder == "/" ? "" : m_folder) + "/." + m_name.substr(0, kNameInTemporary) + ".XXXXXX";
-  m_fd = mkostemp(&pattern[0], O_CLOEXEC);
-  if (m_fd < 0) {
+  m_fd.reset(mkostemp(&pattern[0], O_CLOEXEC));
+  if (!m_fd.valid()) {
     const int error = errno;
     KLOG_E("Could not create a new archive file in \"%s\": %s", m_folder.c_str(),
            errnoText(error).c_str());
@@ -82,8 +82,8 @@ ResultCode CArchiveFile::create(const std::string& path) {
   // The file must lie in the folder the descriptor holds, or the rename
   // would not find it.
   struct stat named;
-  if (fstat(m_fd, &m_new) != 0 ||
-      fstatat(m_folderFd, m_temporaryName.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0 ||
+  if (fstat(m_fd.get(), &m_new) != 0 ||
+      fstatat(m_folderFd.get(), m_temporaryName.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0 ||
       !SameFile(m_new, named)) {
     KLOG_E("The folder of the archive \"%s\" changed while the archive file was made.",
            m_folder.c_str());
@@ -93,7 +93,7 @@ ResultCode CArchiveFile::create(const std::string& path) {
     return GLOBAL_ERROR_BAD_PARAMETER;
   }
   // Only the owner may read the bundle, whatever the umask.
-  if (fchmod(m_fd, S_IRUSR | S_IWUSR) != 0)
+  if (fchmod(m_fd.get(), S_IRUSR | S_IWUSR) != 0)
     remember(errno, "fchmod");
   m_buffer.reserve(kBufferSize);
   m_position = 0;
@@ -101,17 +101,17 @@ ResultCode CArchiveFile::create(const std::string& path) {
 }
 
 bool CArchiveFile::isArchive(const struct stat& info) const {
-  if (m_fd >= 0 && SameFile(info, m_new))
+  if (m_fd.valid() && SameFile(info, m_new))
     return true;
   return m_hadOld && SameFile(info, m_old);
 }
 
 ResultCode CArchiveFile::commit() {
-  if (m_fd < 0) {
+  if (!m_fd.valid()) {
     KLOG_E("There is no archive file to commit.");
     return GLOBAL_ERROR_UNEXPECTED;
   }
-  if (flush() && fsync(m_fd) != 0)
+  if (flush() && fsync(m_fd.get()) != 0)
     remember(errno, "fsync");
   if (m_error != 0) {
     KLOG_E("The archive \"%s\" was not written whole and is removed.", m_temporaryPath.c_str());
@@ -120,7 +120,7 @@ ResultCode CArchiveFile::commit() {
   }
   // rename replaces a link at the path with the archive; it never writes
   // through it.
-  if (renameat(m_folderFd, m_temporaryName.c_str(), m_folderFd, m_name.c_str()) != 0) {
+  if (renameat(m_folderFd.get(), m_temporaryName.c_str(), m_folderFd.get(), m_name.c_str()) != 0) {
     const int error = errno;
     KLOG_E("Could not rename \"%s\" to \"%s\" in \"%s\": %s", m_temporaryName.c_str(),
            m_name.c_str(), m_folder.c_str(), errnoText(error).c_str());
@@ -130,7 +130,7 @@ ResultCode CArchiveFile::commit() {
   CInterruptGuard::ForgetFile(m_temporaryPath);
   // The new name lasts a crash only once the folder is on disk as well; the
   // archive itself is whole either way.
-  if (fsync(m_folderFd) != 0) {
+  if (fsync(m_folderFd.get()) != 0) {
     const int error = errno;
     KLOG_W("Could not flush the folder \"%s\": %s", m_folder.c_str(), errnoText(error).c_str());
   }
@@ -139,13 +139,13 @@ ResultCode CArchiveFile::commit() {
 }
 
 void CArchiveFile::discard() {
-  if (m_fd >= 0)
+  if (m_fd.valid())
     removeTemporary();
   closeDescriptors();
 }
 
 void CArchiveFile::removeTemporary() {
-  if (unlinkat(m_folderFd, m_temporaryName.c_str(), 0) != 0) {
+  if (unlinkat(m_folderFd.get(), m_temporaryName.c_str(), 0) != 0) {
     const int error = errno;
     KLOG_E("Could not remove the unfinished archive \"%s\": %s", m_temporaryPath.c_str(),
            errnoText(error).c_str());
@@ -154,12 +154,8 @@ void CArchiveFile::removeTemporary() {
 }
 
 void CArchiveFile::closeDescriptors() {
-  if (m_fd >= 0)
-    close(m_fd);
-  if (m_folderFd >= 0)
-    close(m_folderFd);
-  m_fd = -1;
-  m_folderFd = -1;
+  m_fd.reset();
+  m_folderFd.reset();
   m_buffer.clear();
   m_buffer.shrink_to_fit();
 }
@@ -174,7 +170,7 @@ void CArchiveFile::remember(int error, const char* what) {
 
 bool CArchiveFile::writeOut(const unsigned char* data, size_t size) {
   while (size > 0) {
-    const ssize_t written = write(m_fd, data, size);
+    const ssize_t written = write(m_fd.get(), data, size);
     if (written < 0 && errno == EINTR)
       continue;
     if (written <= 0) {
@@ -199,7 +195,7 @@ bool CArchiveFile::flush() {
 
 voidpf CArchiveFile::Open(voidpf opaque, const void* /*filename*/, int /*mode*/) {
   CArchiveFile* self = static_cast<CArchiveFile*>(opaque);
-  return self->m_fd >= 0 ? self : nullptr;
+  return self->m_fd.valid() ? self : nullptr;
 }
 
 uLong CArchiveFile::Read(voidpf /*opaque*/, voidpf stream, void* buffer, uLong size) {
@@ -208,7 +204,7 @@ uLong CArchiveFile::Read(voidpf /*opaque*/, voidpf stream, void* buffer, uLong s
     return 0;
   ssize_t count;
   do {
-    count = read(self->m_fd, buffer, size);
+    count = read(self->m_fd.get(), buffer, size);
   } while (count < 0 && errno == EINTR);
   if (count < 0) {
     self->remember(errno, "read");
@@ -257,7 +253,7 @@ long CArchiveFile::Seek(voidpf /*opaque*/, voidpf stream, ZPOS64_T offset, int o
     default:
       return -1;
   }
-  const off_t position = lseek(self->m_fd, static_cast<off_t>(offset), whence);
+  const off_t position = lseek(self->m_fd.get(), static_cast<off_t>(offset), whence);
   if (position < 0) {
     self->remember(errno, "lseek");
     return -1;

@@ -35,6 +35,7 @@
 #include <vector>
 
 #include "Common/Result/ResultCode.h"
+#include "Common/Utility/ScopedHandles.h"
 
 class CArchiveFile {
  public:
@@ -90,8 +91,8 @@ class CArchiveFile {
   void closeDescriptors();
 
   zlib_filefunc64_def m_functions;
-  int m_folderFd = -1;  // the archive's folder; every name below is relative to it
-  int m_fd = -1;        // the new file
+  ScopedFd m_folderFd;  // the archive's folder; every name below is relative to it
+  ScopedFd m_fd;        // the new file
   std::string m_folder;
   std::string m_name;           // the archive's name in its folder
   std::string m_temporaryName;  // the new file's name in the same folder

@@ -23,11 +23,6 @@
 
 namespace {
 
-struct UnzCloser {
-  void operator()(void* archive) const { unzClose(archive); }
-};
-using UnzHandle = std::unique_ptr<void, UnzCloser>;
-
 // Closes the entry that unzOpenCurrentFile opened. A CRC mismatch shows
 // only here, once the whole entry has been read.
 class CurrentEntry {
@@ -459,7 +454,7 @@ ResultCode CZip::Unzip(const std::string& archive, const std::string& target,
     KLOG_E("%s", kBadParameterText);
     return GLOBAL_ERROR_BAD_PARAMETER;
   }
-  UnzHandle unz(unzOpen64(archive.c_str()));
+  UnzipHandle unz(unzOpen64(archive.c_str()));
   if (!unz) {
     KLOG_E("unzOpen64 returned NULL.");
     return GLOBAL_ERROR_BAD_PARAMETER;

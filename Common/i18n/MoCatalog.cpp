@@ -10,6 +10,7 @@
 #include <cstring>
 #include <memory>
 
+#include "Common/Utility/ScopedHandles.h"
 #include "Common/i18n/MoImage.h"
 
 namespace intl {
@@ -21,36 +22,15 @@ namespace {
 const char* const kCategoryNames[] = {"LC_CTYPE",   "LC_NUMERIC",  "LC_TIME",
                                       "LC_COLLATE", "LC_MONETARY", "LC_MESSAGES"};
 
-// Owns a descriptor for the length of a scope.
-class CFileDescriptor {
- public:
-  explicit CFileDescriptor(int fd) : m_fd(fd) {}
-  ~CFileDescriptor() {
-    if (m_fd >= 0)
-      close(m_fd);
-  }
-  CFileDescriptor(const CFileDescriptor&) = delete;
-  CFileDescriptor& operator=(const CFileDescriptor&) = delete;
-  int get() const { return m_fd; }
-
- private:
-  int m_fd;
-};
-
 // A whole file mapped read-only; unmapped on Reset or destruction.
 class CMappedFile {
  public:
-  CMappedFile() = default;
-  ~CMappedFile() { Reset(); }
-  CMappedFile(const CMappedFile&) = delete;
-  CMappedFile& operator=(const CMappedFile&) = delete;
-
   // Maps `path` if it is a regular catalogue file of at most
   // kMaxCatalogSize bytes with a known magic and revision 0.
   bool Map(const std::string& path) {
     Reset();
-    CFileDescriptor fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (fd.get() < 0)
+    ScopedFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd.valid())
       return false;
     struct stat status;
     if (fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode) || status.st_size <= 0 ||
@@ -64,24 +44,17 @@ class CMappedFile {
     void* data = mmap(nullptr, size, PROT_READ, MAP_SHARED, fd.get(), 0);
     if (data == MAP_FAILED)
       return false;
-    m_data = data;
-    m_size = size;
+    m_region = MappedRegion(data, size);
     return true;
   }
 
-  void Reset() {
-    if (m_data != nullptr)
-      munmap(m_data, m_size);
-    m_data = nullptr;
-    m_size = 0;
-  }
+  void Reset() { m_region.reset(); }
 
-  const char* data() const { return static_cast<const char*>(m_data); }
-  size_t size() const { return m_size; }
+  const char* data() const { return m_region.data(); }
+  size_t size() const { return m_region.size(); }
 
  private:
-  void* m_data = nullptr;
-  size_t m_size = 0;
+  MappedRegion m_region;
 };
 
 // One bound domain and, once loaded, its catalogue.

@@ -8,6 +8,7 @@
 #include <memory>
 #include <set>
 
+#include "Common/Utility/ScopedHandles.h"
 #include "tools/KEEL/KEELCheck/Finding.h"
 #include "tools/KEEL/KEELCheck/SourceMap.h"
 
@@ -18,19 +19,6 @@ namespace keelcheck {
 
 namespace {
 
-struct RelaxNGFree {
-  void operator()(xmlRelaxNGPtr schema) const { xmlRelaxNGFree(schema); }
-};
-struct ParserContextFree {
-  void operator()(xmlRelaxNGParserCtxtPtr context) const { xmlRelaxNGFreeParserCtxt(context); }
-};
-struct ValidContextFree {
-  void operator()(xmlRelaxNGValidCtxtPtr context) const { xmlRelaxNGFreeValidCtxt(context); }
-};
-struct DocFree {
-  void operator()(xmlDocPtr document) const { xmlFreeDoc(document); }
-};
-
 void IgnoreReport(void* /*data*/, xmlErrorPtr /*error*/) {}
 
 // The compiled grammar; null when it does not compile. Never freed: it
@@ -38,7 +26,7 @@ void IgnoreReport(void* /*data*/, xmlErrorPtr /*error*/) {}
 xmlRelaxNGPtr CompiledSchema() {
   static xmlRelaxNGPtr schema = []() -> xmlRelaxNGPtr {
     const std::string& text = InstructionSchemaText();
-    std::unique_ptr<xmlRelaxNGParserCtxt, ParserContextFree> parser(
+    RelaxNgParserContextHandle parser(
         xmlRelaxNGNewMemParserCtxt(text.data(), static_cast<int>(text.size())));
     if (parser == nullptr)
       return nullptr;
@@ -120,12 +108,12 @@ std::vector<SchemaFailure> ValidateAgainstSchema(const SourceMap& map, bool& com
   if (schema == nullptr || map.bytes().empty())
     return failures;
   // No network, no external entities: only the bytes of the file count.
-  std::unique_ptr<xmlDoc, DocFree> document(
-      xmlReadMemory(map.bytes().data(), static_cast<int>(map.bytes().size()), nullptr, nullptr,
-                    XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING));
+  XmlDocHandle document(xmlReadMemory(map.bytes().data(), static_cast<int>(map.bytes().size()),
+                                      nullptr, nullptr,
+                                      XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING));
   if (document == nullptr)
     return failures;
-  std::unique_ptr<xmlRelaxNGValidCtxt, ValidContextFree> validator(xmlRelaxNGNewValidCtxt(schema));
+  RelaxNgValidContextHandle validator(xmlRelaxNGNewValidCtxt(schema));
   if (validator == nullptr)
     return failures;
   std::vector<Report> reports;

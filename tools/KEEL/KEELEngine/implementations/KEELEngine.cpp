@@ -54,9 +54,6 @@ KEELEngine::KEELEngine(const std::string& requestFile, const std::string& config
       includeLegacyLogs(includeLegacyLogs) {}
 
 KEELEngine::~KEELEngine() {
-  for (XMLObject* document : configDocs)
-    delete document;
-  configDocs.clear();
   configMgr.reset();
   requestMgr.reset();  // owns the request document, if there was one
   emptyRequest.reset();
@@ -118,8 +115,11 @@ ResultCode KEELEngine::loadRequest() {
 }
 
 void KEELEngine::loadConfigs() {
-  configMgr->Load(helperUtil::getConfigFolder(configFolder), KEELXmlLoader::kTypeFolder,
-                  configDocs);
+  // A folder load hands over copies that the engine owns from here on.
+  XMLObjectList loaded;
+  configMgr->Load(helperUtil::getConfigFolder(configFolder), KEELXmlLoader::kTypeFolder, loaded);
+  for (XMLObject* document : loaded)
+    adoptConfigDocument(document);
 }
 
 ResultCode KEELEngine::prepareWorkingFolder() {
@@ -210,7 +210,8 @@ unsigned KEELEngine::poolSize(int hardwareConcurrency) {
 void KEELEngine::collectAll(unsigned threads) {
   boost::asio::thread_pool pool(threads);
   int32_t index = 0;
-  for (XMLObject* document : configDocs) {
+  for (const std::unique_ptr<XMLObject>& owned : configDocs) {
+    XMLObject* document = owned.get();
     if (document != nullptr) {
       std::shared_ptr<collector> job = makeCollector();
       std::shared_ptr<KEELEngine> self = shared_from_this();
@@ -302,9 +303,9 @@ ResultCode KEELEngine::clearLogs() {
     clearCollector.reset(new collector(request, &unprocessedIds, bundlePath, includeLegacyLogs,
                                        includeSystemLogs, env));
   }
-  for (XMLObject* document : configDocs) {
-    if (document != nullptr)
-      clearCollector->Clear(document);
+  for (const std::unique_ptr<XMLObject>& document : configDocs) {
+    if (document)
+      clearCollector->Clear(document.get());
   }
   helperUtil::reportStatus(100, "KEEL has finished... ", KEELOFFLINE_ERROR_PROCESSING);
   helperUtil::reportStatus(0, "", 0);

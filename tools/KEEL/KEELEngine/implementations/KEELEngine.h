@@ -68,7 +68,7 @@ class KEELEngine : public std::enable_shared_from_this<KEELEngine> {
 
   // Takes ownership of a parsed config document (appended to the list;
   // null entries are kept and passed over).
-  void adoptConfigDocument(XMLObject* document) { configDocs.push_back(document); }
+  void adoptConfigDocument(XMLObject* document) { configDocs.emplace_back(document); }
   std::list<std::string> failedConfigList();
   const std::string& workingFolder() const { return tempFolder; }
   const std::string& bundleLocation() const { return bundlePath; }
@@ -89,7 +89,7 @@ class KEELEngine : public std::enable_shared_from_this<KEELEngine> {
   std::unique_ptr<KEELXmlLoader> requestMgr;
   std::list<KEELComponent*> unprocessedIds;
   std::list<std::string> failedConfigs;
-  XMLObjectList configDocs;
+  std::list<std::unique_ptr<XMLObject>> configDocs;
   std::string requestFile;
   std::string configFolder;
   std::string tempFolder;

@@ -8,6 +8,7 @@
 
 #include "Common/Log/Log.h"
 #include "Common/Utility/HostOSInfo.h"
+#include "Common/Utility/ScopedHandles.h"
 #include "Common/Utility/Thread.h"
 #include "Common/Utility/sysutils.h"
 #include "tools/KEEL/KEELEngine/implementations/Env.h"
@@ -88,9 +89,7 @@ collector::collector(XMLObject* request, std::list<KEELComponent*>* unprocessedI
   (void)constructed_;
 }
 
-collector::~collector() {
-  delete m_pXMLSummary;
-}
+collector::~collector() = default;
 
 std::mutex& collector::summaryLock() {
   static std::mutex lock;
@@ -152,7 +151,7 @@ ResultCode collector::Collect(std::string& tempFolder, XMLObject* config) {
     return result;
   }
   ActionSettings settings;
-  settings.m_pXMLSummary = m_pXMLSummary;
+  settings.m_pXMLSummary = m_pXMLSummary.get();
   settings.m_pEnv = m_pEnv;
   if (tempFolder.empty())
     tempFolder = helperUtil::translatePath(m_pEnv->paths().workingFolder);
@@ -166,8 +165,7 @@ ResultCode collector::Collect(std::string& tempFolder, XMLObject* config) {
     KLOG_RC(LOG_LEVEL_E, "collector::writeSummary", result);
     return result;
   }
-  delete m_pXMLSummary;
-  m_pXMLSummary = nullptr;
+  m_pXMLSummary.reset();
   return 0;
 }
 
@@ -185,7 +183,7 @@ void collector::selectByDefault(std::string& tempFolder, XMLObject& config,
         continue;
       if (!isDefault(file) && !legacyGroup) {
         helperUtil::fillSummaryNote(
-            m_pXMLSummary,
+            m_pXMLSummary.get(),
             "The file(s) of ID " + id + " is/are not included by default by this config.");
         continue;
       }
@@ -270,7 +268,7 @@ ResultCode collector::Clear(XMLObject* config) {
     return KEELENGINE_ERROR_BAD_PARAMETER;
   }
   ActionSettings settings;
-  settings.m_pXMLSummary = m_pXMLSummary;
+  settings.m_pXMLSummary = m_pXMLSummary.get();
   settings.m_pEnv = m_pEnv;
   for (KEELComponent* group : getFileGroupComponents(*config)) {
     std::vector<KEELComponent*> files = getFileGroupFileComponents(group);
@@ -375,7 +373,7 @@ void collector::removeFromUnprocessedList(KEELComponent* component) {
       return;
     }
   }
-  helperUtil::fillSummaryNote(m_pXMLSummary,
+  helperUtil::fillSummaryNote(m_pXMLSummary.get(),
                               "WARNING: File ID " + AttributeValue(component, "id") +
                                   " has duplicated instruction found in one of previous config "
                                   "files");
@@ -397,7 +395,7 @@ ResultCode collector::writeComments(KEELComponent* commentsComponent,
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
   if (!out.is_open()) {
     const std::string message = "Internal error: can't write comments at " + path;
-    helperUtil::fillSummaryFailedFile(m_pXMLSummary, "comments", fileName, "", message);
+    helperUtil::fillSummaryFailedFile(m_pXMLSummary.get(), "comments", fileName, "", message);
     KLOG_E("%s", message.c_str());
     return KEELENGINE_ERROR_FILE_OPEN_FAILURE;
   }
@@ -418,8 +416,7 @@ ResultCode collector::writeComments(KEELComponent* commentsComponent,
 // ---- Summary --------------------------------------------------------------
 
 ResultCode collector::initializeSummary() {
-  delete m_pXMLSummary;
-  m_pXMLSummary = new XMLObject("summary", "KEEL BUNDLE SUMMARY\n");
+  m_pXMLSummary.reset(new XMLObject("summary", "KEEL BUNDLE SUMMARY\n"));
   KEELComponent* root = m_pXMLSummary->GetRoot();
   if (root == nullptr) {
     KLOG_E("m_pXMLSummary->GetRoot() is NULL");
@@ -434,7 +431,7 @@ ResultCode collector::initializeSummary() {
 }
 
 ResultCode collector::fillInSummaryMainInfo() {
-  KEELComponent* root = m_pXMLSummary != nullptr ? m_pXMLSummary->GetRoot() : nullptr;
+  KEELComponent* root = m_pXMLSummary ? m_pXMLSummary->GetRoot() : nullptr;
   if (root == nullptr) {
     KLOG_E("m_pXMLSummary->GetRoot() is NULL");
     return KEELENGINE_ERROR_NULL_XML_ROOT;
@@ -474,20 +471,20 @@ ResultCode collector::printSummary(XMLObject* config) {
     KLOG_E("pXMLObjectConfig is NULL");
     return KEELENGINE_ERROR_BAD_PARAMETER;
   }
-  FILE* file = fopen(summaryPath_.c_str(), "ae");
-  if (file == nullptr) {
+  FileHandle file(fopen(summaryPath_.c_str(), "ae"));
+  if (!file) {
     KLOG_E("fopen failed to open file \"%s\"", summaryPath_.c_str());
     return KEELENGINE_ERROR_FILE_OPEN_FAILURE;
   }
-  truncator lister(collectedFiles_, m_pXMLSummary);
+  truncator lister(collectedFiles_, m_pXMLSummary.get());
   lister.noTruncate();
-  std::call_once(g_summaryHeadOnce, [&] { writeHead(file); });
-  writeSection(file, *config);
+  std::call_once(g_summaryHeadOnce, [&] { writeHead(file.get()); });
+  writeSection(file.get(), *config);
   // Every write above leaves the stream's error flag set when it fails (a
   // full disk), and the last of the text reaches the disk only at the
   // close: a summary with a part missing would mislead its reader.
-  const bool failed = ferror(file) != 0;
-  if (fclose(file) != 0 || failed) {
+  const bool failed = ferror(file.get()) != 0;
+  if (fclose(file.release()) != 0 || failed) {
     KLOG_E("Could not write file \"%s\"", summaryPath_.c_str());
     return KEELENGINE_ERROR_WRITE_FAILURE;
   }
@@ -498,7 +495,7 @@ void collector::writeHead(FILE* file) {
   const ResultCode result = fillInSummaryMainInfo();
   if (result != 0)
     KLOG_RC(LOG_LEVEL_E, "collector::fillInSummaryMainInfo", result);
-  KEELComponent* root = m_pXMLSummary != nullptr ? m_pXMLSummary->GetRoot() : nullptr;
+  KEELComponent* root = m_pXMLSummary ? m_pXMLSummary->GetRoot() : nullptr;
   if (root == nullptr)
     return;
   fprintf(file, "%s\n", root->GetValue().c_str());
@@ -518,7 +515,7 @@ void collector::writeSection(FILE* file, XMLObject& config) {
   fprintf(file, kRowFormat, kIdWidth, kIdWidth, "ID", kNameWidth, kNameWidth, "Filename",
           kDescriptionWidth, kDescriptionWidth, "Description", kSizeWidth, kSizeWidth, "File Size");
   fprintf(file, "%*.*s\n", kIncludedRuleWidth, kIncludedRuleWidth, Rule('-').c_str());
-  KEELComponent* root = m_pXMLSummary != nullptr ? m_pXMLSummary->GetRoot() : nullptr;
+  KEELComponent* root = m_pXMLSummary ? m_pXMLSummary->GetRoot() : nullptr;
   KEELComponent* included = root != nullptr ? root->FindChild("Manifest_Included") : nullptr;
   writeComponentRows(file, included, "file_size", kSizeWidth);
   fprintf(file, "%.*s\n", kIncludedRuleWidth, Rule('-').c_str());

@@ -11,6 +11,7 @@
 
 #include <cstdio>
 #include <list>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -85,7 +86,7 @@ class collector {
   // The process-wide lock held for the whole of printSummary.
   static std::mutex& summaryLock();
 
-  XMLObject* summaryDocument() const { return m_pXMLSummary; }
+  XMLObject* summaryDocument() const { return m_pXMLSummary.get(); }
   const TruncAttrsList& collectedFiles() const { return collectedFiles_; }
   const std::string& summaryPath() const { return summaryPath_; }
   KEELComponent* reader() const { return reader_; }
@@ -100,7 +101,7 @@ class collector {
                           int lastWidth);
 
   XMLObject* m_pXMLRequest;
-  XMLObject* m_pXMLSummary = nullptr;
+  std::unique_ptr<XMLObject> m_pXMLSummary;
   std::list<KEELComponent*>* unprocessedIds_;
   TruncAttrsList collectedFiles_;
   bool constructed_ = true;  // set at construction; read by nothing

@@ -6,17 +6,13 @@
 #include <memory>
 
 #include "Common/Log/Log.h"
+#include "Common/Utility/ScopedHandles.h"
 #include "tools/KEEL/KEELEngine/implementations/parser/KEELXmlMgr.h"
 #include "tools/KEEL/KEELEngine/implementations/parser/KEELXmlParser.h"
 
 namespace {
 
 constexpr char kXmlSuffix[] = ".xml";
-
-struct DirCloser {
-  void operator()(DIR* dir) const { closedir(dir); }
-};
-typedef std::unique_ptr<DIR, DirCloser> DirHandle;
 
 }  // namespace
 
