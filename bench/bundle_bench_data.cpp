@@ -102,7 +102,7 @@ class LogLines {
 
 // Writes exactly `size` bytes of log lines to `path`, in blocks of 1 MiB; the
 // last line of the file may be cut short.
-bool writeLogFile(const std::string& path, uint64_t size, LogLines& lines) {
+bool WriteLogFile(const std::string& path, uint64_t size, LogLines& lines) {
   FileHandle file(fopen(path.c_str(), "wb"));
   if (!file) {
     perror(path.c_str());
@@ -126,21 +126,21 @@ bool writeLogFile(const std::string& path, uint64_t size, LogLines& lines) {
   return true;
 }
 
-bool makeFolder(const std::string& path) {
+bool MakeFolder(const std::string& path) {
   if (mkdir(path.c_str(), 0755) == 0)
     return true;
   perror(path.c_str());
   return false;
 }
 
-bool isNested(int folder) {
+bool IsNested(int folder) {
   return folder >= kFlatFolders;
 }
 
 // Folder that receives the `index`-th file of `folder`.
-std::string targetFolder(const std::string& root, int folder, int index) {
+std::string TargetFolder(const std::string& root, int folder, int index) {
   std::string path = root + "/" + kFolderNames[folder];
-  if (isNested(folder))
+  if (IsNested(folder))
     path += "/session_" + std::to_string(index % kSubFolders);
   return path;
 }
@@ -151,23 +151,23 @@ struct Counts {
   uint64_t bytes = 0;
 };
 
-bool makeTree(const std::string& root, uint64_t total, uint32_t seed, Counts* counts) {
+bool MakeTree(const std::string& root, uint64_t total, uint32_t seed, Counts* counts) {
   LogLines lines(seed);
-  if (!makeFolder(root))
+  if (!MakeFolder(root))
     return false;
   for (int folder = 0; folder < kFolders; ++folder) {
-    if (!makeFolder(root + "/" + kFolderNames[folder]))
+    if (!MakeFolder(root + "/" + kFolderNames[folder]))
       return false;
-    for (int sub = 0; isNested(folder) && sub < kSubFolders; ++sub) {
-      if (!makeFolder(targetFolder(root, folder, sub)))
+    for (int sub = 0; IsNested(folder) && sub < kSubFolders; ++sub) {
+      if (!MakeFolder(TargetFolder(root, folder, sub)))
         return false;
     }
   }
   const int largeCount = static_cast<int>(sizeof(kLargeFolders) / sizeof(kLargeFolders[0]));
   const uint64_t largeSize = static_cast<uint64_t>(total * kLargeShare) / largeCount;
   for (int folder : kLargeFolders) {
-    const std::string path = targetFolder(root, folder, 0) + "/service.log";
-    if (!writeLogFile(path, largeSize, lines))
+    const std::string path = TargetFolder(root, folder, 0) + "/service.log";
+    if (!WriteLogFile(path, largeSize, lines))
       return false;
     ++counts->largeFiles;
     counts->bytes += largeSize;
@@ -180,8 +180,8 @@ bool makeTree(const std::string& root, uint64_t total, uint32_t seed, Counts* co
     const uint64_t size = std::min<uint64_t>(total - counts->bytes,
                                              kSmallMin + lines.draw(2 * (kSmallMean - kSmallMin)));
     const std::string path =
-        targetFolder(root, folder, index) + "/trace_" + std::to_string(index) + ".log";
-    if (!writeLogFile(path, size, lines))
+        TargetFolder(root, folder, index) + "/trace_" + std::to_string(index) + ".log";
+    if (!WriteLogFile(path, size, lines))
       return false;
     ++counts->smallFiles;
     counts->bytes += size;
@@ -204,7 +204,7 @@ int main(int argc, char** argv) {
     return 1;
   }
   Counts counts;
-  if (!makeTree(root, megabytes * 1000 * 1000, seed, &counts)) {
+  if (!MakeTree(root, megabytes * 1000 * 1000, seed, &counts)) {
     fprintf(stderr, "could not make the tree below %s\n", root.c_str());
     return 1;
   }

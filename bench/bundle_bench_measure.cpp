@@ -29,7 +29,7 @@ struct FileCloser {
 };
 using FileHandle = std::unique_ptr<FILE, FileCloser>;
 
-double secondsOf(const struct timeval& time) {
+double SecondsOf(const struct timeval& time) {
   return time.tv_sec + time.tv_usec / 1e6;
 }
 
@@ -61,8 +61,8 @@ int main(int argc, char** argv) {
       std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   FileHandle result(fopen(argv[1], "w"));
   if (!result ||
-      fprintf(result.get(), "%.2f %.2f %.2f %ld\n", wall, secondsOf(usage.ru_utime),
-              secondsOf(usage.ru_stime), usage.ru_maxrss) < 0 ||
+      fprintf(result.get(), "%.2f %.2f %.2f %ld\n", wall, SecondsOf(usage.ru_utime),
+              SecondsOf(usage.ru_stime), usage.ru_maxrss) < 0 ||
       fclose(result.release()) != 0) {
     perror(argv[1]);
     return 127;

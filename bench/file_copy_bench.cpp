@@ -32,7 +32,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-double secondsOf(const std::function<bool()>& work, bool* ok) {
+double SecondsOf(const std::function<bool()>& work, bool* ok) {
   sync();
   const auto start = std::chrono::steady_clock::now();
   *ok = work();
@@ -40,7 +40,7 @@ double secondsOf(const std::function<bool()>& work, bool* ok) {
   return std::chrono::duration<double>(stop - start).count();
 }
 
-bool runCommand(const std::vector<std::string>& argv) {
+bool RunCommand(const std::vector<std::string>& argv) {
   std::vector<char*> args;
   for (const std::string& arg : argv)
     args.push_back(const_cast<char*>(arg.c_str()));
@@ -52,7 +52,7 @@ bool runCommand(const std::vector<std::string>& argv) {
   return waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
-bool writeLargeFile(const std::string& path, uint64_t bytes) {
+bool WriteLargeFile(const std::string& path, uint64_t bytes) {
   std::ofstream out(path, std::ios::binary);
   std::mt19937_64 random(42);
   std::vector<uint64_t> block(1 << 17);  // 1 MiB of incompressible data
@@ -66,7 +66,7 @@ bool writeLargeFile(const std::string& path, uint64_t bytes) {
   return static_cast<bool>(out);
 }
 
-uint64_t writeSmallFiles(const std::string& folder, int count) {
+uint64_t WriteSmallFiles(const std::string& folder, int count) {
   std::mt19937 random(7);
   std::uniform_int_distribution<int> size(100, 16000);
   std::string content(16000, 'x');
@@ -83,8 +83,8 @@ uint64_t writeSmallFiles(const std::string& folder, int count) {
   return total;
 }
 
-bool sameContent(const std::string& a, const std::string& b) {
-  return runCommand({"cmp", "-s", a, b});
+bool SameContent(const std::string& a, const std::string& b) {
+  return RunCommand({"cmp", "-s", a, b});
 }
 
 double median(std::vector<double> values) {
@@ -119,17 +119,17 @@ int main(int argc, char** argv) {
   printf("data: %s, one file of %llu MiB, %d small files, %d rounds\n", work.c_str(),
          static_cast<unsigned long long>(largeMiB), smallCount, rounds);
   const uint64_t largeBytes = largeMiB << 20;
-  if (!writeLargeFile(large, largeBytes)) {
+  if (!WriteLargeFile(large, largeBytes)) {
     fprintf(stderr, "cannot write %s\n", large.c_str());
     fs::remove_all(work);
     return 1;
   }
-  const uint64_t smallBytes = writeSmallFiles(small, smallCount);
+  const uint64_t smallBytes = WriteSmallFiles(small, smallCount);
   std::vector<std::string> names;
   for (const auto& entry : fs::directory_iterator(small))
     names.push_back(entry.path().filename().string());
   // Warm the page cache for both copiers alike.
-  runCommand({"sh", "-c", "cat '" + large + "' '" + small + "'/* > /dev/null"});
+  RunCommand({"sh", "-c", "cat '" + large + "' '" + small + "'/* > /dev/null"});
 
   std::vector<double> helperLarge, cpLarge, helperEach, helperTree, cpTree;
   for (int round = 0; round < rounds; ++round) {
@@ -137,24 +137,24 @@ int main(int argc, char** argv) {
     const std::string target = work + "/large.copy";
 
     fs::remove(target);
-    helperLarge.push_back(secondsOf(
+    helperLarge.push_back(SecondsOf(
         [&] {
           std::string errorText;
           return helperUtil::fileCopy(large, target, errorText) == 0;
         },
         &ok));
-    failures += !ok || !sameContent(large, target);
+    failures += !ok || !SameContent(large, target);
 
     fs::remove(target);
-    cpLarge.push_back(secondsOf([&] { return runCommand({"cp", large, target}); }, &ok));
-    failures += !ok || !sameContent(large, target);
+    cpLarge.push_back(SecondsOf([&] { return RunCommand({"cp", large, target}); }, &ok));
+    failures += !ok || !SameContent(large, target);
     fs::remove(target);
 
     // Small files one call each, as the file actions copy them.
     const std::string eachTarget = work + "/each";
     fs::remove_all(eachTarget);
     fs::create_directories(eachTarget);
-    helperEach.push_back(secondsOf(
+    helperEach.push_back(SecondsOf(
         [&] {
           std::string errorText;
           bool all = true;
@@ -171,17 +171,17 @@ int main(int argc, char** argv) {
     // The whole folder in one call, beside cp -r.
     const std::string treeTarget = work + "/tree";
     fs::remove_all(treeTarget);
-    helperTree.push_back(secondsOf(
+    helperTree.push_back(SecondsOf(
         [&] {
           std::string errorText;
           return helperUtil::fileCopy(small, treeTarget, errorText) == 0;
         },
         &ok));
-    failures += !ok || !runCommand({"diff", "-r", "-q", small, treeTarget});
+    failures += !ok || !RunCommand({"diff", "-r", "-q", small, treeTarget});
     fs::remove_all(treeTarget);
 
-    cpTree.push_back(secondsOf([&] { return runCommand({"cp", "-r", small, treeTarget}); }, &ok));
-    failures += !ok || !runCommand({"diff", "-r", "-q", small, treeTarget});
+    cpTree.push_back(SecondsOf([&] { return RunCommand({"cp", "-r", small, treeTarget}); }, &ok));
+    failures += !ok || !RunCommand({"diff", "-r", "-q", small, treeTarget});
     fs::remove_all(treeTarget);
   }
 

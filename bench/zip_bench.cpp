@@ -115,7 +115,7 @@ class LogTextSource {
 };
 
 // Writes `size` bytes of log text to `path` in blocks of about 1 MiB.
-bool writeLogFile(const std::string& path, uint64_t size, LogTextSource& source) {
+bool WriteLogFile(const std::string& path, uint64_t size, LogTextSource& source) {
   FileHandle file(fopen(path.c_str(), "wb"));
   if (!file)
     return false;
@@ -138,13 +138,13 @@ struct Tree {
 };
 
 // Large files at the top, small ones in two levels of folders.
-bool makeTree(const std::string& root, uint64_t total, uint32_t seed, Tree* tree) {
+bool MakeTree(const std::string& root, uint64_t total, uint32_t seed, Tree* tree) {
   LogTextSource source(seed);
   if (mkdir(root.c_str(), 0755) != 0)
     return false;
   const uint64_t largeSize = static_cast<uint64_t>(total * kLargeShare) / kLargeFiles;
   for (int i = 0; i < kLargeFiles; ++i) {
-    if (!writeLogFile(root + "/client_" + std::to_string(i) + ".log", largeSize, source))
+    if (!WriteLogFile(root + "/client_" + std::to_string(i) + ".log", largeSize, source))
       return false;
     ++tree->largeFiles;
     tree->bytes += largeSize;
@@ -163,7 +163,7 @@ bool makeTree(const std::string& root, uint64_t total, uint32_t seed, Tree* tree
     const int folder = i % kSmallFolders;
     const std::string path = root + "/module" + std::to_string(folder % 8) + "/run" +
                              std::to_string(folder) + "/trace_" + std::to_string(i) + ".log";
-    if (!writeLogFile(path, size, source))
+    if (!WriteLogFile(path, size, source))
       return false;
     ++tree->smallFiles;
     tree->bytes += size;
@@ -173,7 +173,7 @@ bool makeTree(const std::string& root, uint64_t total, uint32_t seed, Tree* tree
 
 // 100,000 small files in folders of a thousand, together about `total`
 // bytes.
-bool makeSmallTree(const std::string& root, uint64_t total, uint32_t seed, Tree* tree) {
+bool MakeSmallTree(const std::string& root, uint64_t total, uint32_t seed, Tree* tree) {
   LogTextSource source(seed);
   if (mkdir(root.c_str(), 0755) != 0)
     return false;
@@ -183,7 +183,7 @@ bool makeSmallTree(const std::string& root, uint64_t total, uint32_t seed, Tree*
     if (i < kManySmallFolders && mkdir(dir.c_str(), 0755) != 0)
       return false;
     const uint64_t size = mean / 2 + source.next() % mean;
-    if (!writeLogFile(dir + "/event_" + std::to_string(i) + ".log", size, source))
+    if (!WriteLogFile(dir + "/event_" + std::to_string(i) + ".log", size, source))
       return false;
     ++tree->smallFiles;
     tree->bytes += size;
@@ -192,7 +192,7 @@ bool makeSmallTree(const std::string& root, uint64_t total, uint32_t seed, Tree*
 }
 
 // One sparse file of `total` zero bytes.
-bool makeSingleFile(const std::string& root, uint64_t total, Tree* tree) {
+bool MakeSingleFile(const std::string& root, uint64_t total, Tree* tree) {
   if (mkdir(root.c_str(), 0755) != 0)
     return false;
   const std::string path = root + "/zeros.bin";
@@ -213,7 +213,7 @@ struct Outcome {
 
 // Runs `work` in a child process and reports its exit, wall time and peak
 // resident size.
-Outcome runChild(const std::function<int()>& work) {
+Outcome RunChild(const std::function<int()>& work) {
   Outcome outcome;
   fflush(nullptr);
   const auto start = std::chrono::steady_clock::now();
@@ -240,7 +240,7 @@ uint64_t fileSize(const std::string& path) {
 }
 
 // The one-minute load average, as /proc/loadavg gives it.
-std::string loadAverage() {
+std::string LoadAverage() {
   FileHandle file(fopen("/proc/loadavg", "r"));
   char text[32] = "?";
   if (!file || fscanf(file.get(), "%31s", text) != 1)
@@ -248,7 +248,7 @@ std::string loadAverage() {
   return text;
 }
 
-void printRow(const std::string& tool, const Outcome& outcome, uint64_t input, uint64_t archive,
+void PrintRow(const std::string& tool, const Outcome& outcome, uint64_t input, uint64_t archive,
               const std::string& load) {
   printf("%-22s %8.2f %8.1f %8.2f %13.1f %11.1f %6.1f%% %6s%s\n", tool.c_str(), outcome.seconds,
          input / kMegabyte / outcome.seconds, outcome.cpuSeconds, outcome.peakKiB / 1024.0,
@@ -266,7 +266,7 @@ void warm(const std::string& root) {
 }
 
 // Whether two files hold the same bytes, by cmp(1).
-bool sameBytes(const std::string& a, const std::string& b) {
+bool SameBytes(const std::string& a, const std::string& b) {
   const std::string command = "cmp -s '" + a + "' '" + b + "'";
   return system(command.c_str()) == 0;
 }
@@ -296,9 +296,9 @@ int main(int argc, char** argv) {
   printf("Making %llu MB (%s) below %s (seed %u)...\n", static_cast<unsigned long long>(megabytes),
          shape.c_str(), work.c_str(), seed);
   const uint64_t total = megabytes * 1000 * 1000;
-  const bool made = shape == "small"    ? makeSmallTree(root, total, seed, &tree)
-                    : shape == "single" ? makeSingleFile(root, total, &tree)
-                                        : makeTree(root, total, seed, &tree);
+  const bool made = shape == "small"    ? MakeSmallTree(root, total, seed, &tree)
+                    : shape == "single" ? MakeSingleFile(root, total, &tree)
+                                        : MakeTree(root, total, seed, &tree);
   int exitCode = made ? 0 : 1;
   if (made) {
     printf("Tree: %d large and %d small files, %.1f MB; %u cores\n\n", tree.largeFiles,
@@ -318,13 +318,13 @@ int main(int argc, char** argv) {
         {"CZip::Zip " + std::to_string(all) + " workers", all, work + "/all.zip", {}}};
     for (Way& way : ways) {
       warm(root);
-      const std::string load = loadAverage();
-      way.outcome = runChild([&] {
+      const std::string load = LoadAverage();
+      way.outcome = RunChild([&] {
         ResultCode opened = 0;
         CLogScope scope(&opened, "bench_zip", nullptr);
         return CZip::Zip(root, way.archive, "", true, way.workers) == 0 ? 0 : 1;
       });
-      printRow(way.label, way.outcome, tree.bytes, fileSize(way.archive), load);
+      PrintRow(way.label, way.outcome, tree.bytes, fileSize(way.archive), load);
       if (!way.outcome.ok)
         exitCode = 1;
       if (way.outcome.peakKiB >= kMemoryLimitKiB) {
@@ -334,14 +334,14 @@ int main(int argc, char** argv) {
       }
     }
     warm(root);
-    const std::string load = loadAverage();
-    const Outcome zip = runChild([&] {
+    const std::string load = LoadAverage();
+    const Outcome zip = RunChild([&] {
       if (chdir(root.c_str()) != 0)
         return 1;
       execlp("zip", "zip", "-9", "-r", "-q", theirs.c_str(), ".", static_cast<char*>(nullptr));
       return 127;
     });
-    printRow("zip -9 -r -q", zip, tree.bytes, fileSize(theirs), load);
+    PrintRow("zip -9 -r -q", zip, tree.bytes, fileSize(theirs), load);
     if (!zip.ok)
       exitCode = 1;
 
@@ -351,7 +351,7 @@ int main(int argc, char** argv) {
            speedUp, speedUp / all);
     bool same = ways[0].outcome.ok;
     for (size_t i = 1; i < ways.size(); ++i)
-      same = same && sameBytes(ways[0].archive, ways[i].archive);
+      same = same && SameBytes(ways[0].archive, ways[i].archive);
     printf("the three archives are the same byte for byte: %s\n", same ? "yes" : "NO");
     if (!same)
       exitCode = 1;

@@ -21,7 +21,7 @@
 
 namespace {
 
-double secondsOf(const struct timeval& time) {
+double SecondsOf(const struct timeval& time) {
   return time.tv_sec + time.tv_usec / 1e6;
 }
 
@@ -53,6 +53,6 @@ int main(int argc, char** argv) {
   struct stat archive;
   const long long size = stat(argv[2], &archive) == 0 ? static_cast<long long>(archive.st_size) : 0;
   printf("%u %.2f %.2f %ld %lld\n", workers, wall,
-         secondsOf(usage.ru_utime) + secondsOf(usage.ru_stime), usage.ru_maxrss, size);
+         SecondsOf(usage.ru_utime) + SecondsOf(usage.ru_stime), usage.ru_maxrss, size);
   return result == 0 ? 0 : 1;
 }

@@ -106,7 +106,7 @@ bool isLinux(const HostPaths& paths) {
 
 namespace {
 
-bool releaseTextContains(const HostPaths& paths, const char* word) {
+bool ReleaseTextContains(const HostPaths& paths, const char* word) {
   std::string text;
   if (!readOSReleaseText(text, paths))
     return false;
@@ -116,9 +116,9 @@ bool releaseTextContains(const HostPaths& paths, const char* word) {
 }  // namespace
 
 bool isUbuntu(const HostPaths& paths) {
-  return releaseTextContains(paths, "ubuntu");
+  return ReleaseTextContains(paths, "ubuntu");
 }
 
 bool isRedHat(const HostPaths& paths) {
-  return releaseTextContains(paths, "red hat");
+  return ReleaseTextContains(paths, "red hat");
 }

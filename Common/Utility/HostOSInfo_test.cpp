@@ -33,7 +33,7 @@ class HostFiles {
   HostPaths m_paths;
 };
 
-std::string unameVersion() {
+std::string UnameVersion() {
   utsname host;
   EXPECT_EQ(0, uname(&host));
   std::string text =
@@ -41,7 +41,7 @@ std::string unameVersion() {
   return text.substr(0, 255);
 }
 
-HostOSInfo filledWithGarbage() {
+HostOSInfo FilledWithGarbage() {
   HostOSInfo info;
   std::memset(&info, 0x5A, sizeof(info));
   return info;
@@ -210,7 +210,7 @@ TEST(HostOSField, UnprintableByteEndsUnquotedValue) {
 TEST(HostOSInfoRecord, NameAndVersionFromOsRelease) {
   HostFiles host;
   host.osRelease("NAME=\"Ubuntu\"\nVERSION=\"22.04.1 LTS (Jammy Jellyfish)\"\nID=ubuntu\n");
-  HostOSInfo info = filledWithGarbage();
+  HostOSInfo info = FilledWithGarbage();
   getHostOSInfo(info, host.paths());
   EXPECT_EQ(HOST_OS_TYPE_LINUX, info.type);
   EXPECT_EQ(6u, info.type);
@@ -237,7 +237,7 @@ TEST(HostOSInfoRecord, MissingVersionFallsBackToUname) {
   HostOSInfo info;
   getHostOSInfo(info, host.paths());
   EXPECT_STREQ("Linux", info.name);
-  EXPECT_EQ(unameVersion(), info.version);
+  EXPECT_EQ(UnameVersion(), info.version);
 }
 
 TEST(HostOSInfoRecord, ProcVersionSourceEndsWithUname) {
@@ -245,15 +245,15 @@ TEST(HostOSInfoRecord, ProcVersionSourceEndsWithUname) {
   host.procVersion("Linux version 6.1.0\n");
   HostOSInfo info;
   getHostOSInfo(info, host.paths());
-  EXPECT_EQ(unameVersion(), info.version);
+  EXPECT_EQ(UnameVersion(), info.version);
 }
 
 TEST(HostOSInfoRecord, NoSourceEndsWithUname) {
   HostFiles host;
-  HostOSInfo info = filledWithGarbage();
+  HostOSInfo info = FilledWithGarbage();
   getHostOSInfo(info, host.paths());
   EXPECT_EQ(HOST_OS_TYPE_LINUX, info.type);
-  EXPECT_EQ(unameVersion(), info.version);
+  EXPECT_EQ(UnameVersion(), info.version);
 }
 
 TEST(HostOSInfoRecord, LongValueIsCutTo255Bytes) {

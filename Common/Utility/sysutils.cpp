@@ -24,7 +24,7 @@ constexpr mode_t kRegularFileBit = 0x8000;
 
 // A clock that never jumps, as a timeval, so that deadlines of vvc_select
 // hold when the wall clock is set.
-timeval monotonicNow() {
+timeval MonotonicNow() {
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC, &now);
   timeval result{};
@@ -179,7 +179,7 @@ int vvc_select(int nfds, fd_set* readSet, fd_set* writeSet, fd_set* exceptSet, t
     }
   }
 
-  const timeval deadline = timevalAdd(monotonicNow(), *timeout);
+  const timeval deadline = timevalAdd(MonotonicNow(), *timeout);
   timeval left = *timeout;
   for (;;) {
     timeval attempt = left;
@@ -191,7 +191,7 @@ int vvc_select(int nfds, fd_set* readSet, fd_set* writeSet, fd_set* exceptSet, t
       KLOG_E("vvc_select failed with errno: %d", errno);
       return -1;
     }
-    left = timevalSubtract(deadline, monotonicNow());
+    left = timevalSubtract(deadline, MonotonicNow());
     if (left.tv_sec == 0 && left.tv_usec == 0) {
       return 0;
     }

@@ -64,32 +64,32 @@ class ParserContext {
 };
 
 // The sink stored in the context that libxml2 hands to every callback.
-XmlMgr* managerOf(void* context) {
+XmlMgr* ManagerOf(void* context) {
   if (context == nullptr) {
     return nullptr;
   }
   return static_cast<XmlMgr*>(static_cast<xmlParserCtxtPtr>(context)->_private);
 }
 
-std::string xmlText(const xmlChar* text) {
+std::string XmlText(const xmlChar* text) {
   return text != nullptr ? std::string(reinterpret_cast<const char*>(text)) : std::string();
 }
 
 // A copy of an attribute name or value, trimmed at both ends.
 std::string attributeTextToString(const xmlChar* text) {
-  std::string copy = xmlText(text);
+  std::string copy = XmlText(text);
   std::string trimmed = CStringUtils::trimString(copy);
   CStringUtils::wipeString(copy);
   return trimmed;
 }
 
 void startElementCB(void* context, const xmlChar* name, const xmlChar** attributes) {
-  XmlMgr* manager = managerOf(context);
+  XmlMgr* manager = ManagerOf(context);
   if (manager == nullptr) {
     KLOG_E("No XML Manager provided.");
     return;
   }
-  std::string elementName = xmlText(name);
+  std::string elementName = XmlText(name);
   manager->startElement(elementName);
   CStringUtils::wipeString(elementName);
   if (attributes == nullptr) {
@@ -115,18 +115,18 @@ void startElementCB(void* context, const xmlChar* name, const xmlChar** attribut
 }
 
 void endElementCB(void* context, const xmlChar* name) {
-  XmlMgr* manager = managerOf(context);
+  XmlMgr* manager = ManagerOf(context);
   if (manager == nullptr) {
     KLOG_E("No XML Manager provided.");
     return;
   }
-  std::string elementName = xmlText(name);
+  std::string elementName = XmlText(name);
   manager->endElement(elementName);
   CStringUtils::wipeString(elementName);
 }
 
 void elementValueCB(void* context, const xmlChar* characters, int length) {
-  XmlMgr* manager = managerOf(context);
+  XmlMgr* manager = ManagerOf(context);
   if (manager == nullptr) {
     KLOG_E("No XML Manager provided.");
     return;

@@ -48,8 +48,8 @@ std::string UpperDigest(const std::string& program, const std::string& text) {
 class DeviceIdOption : public keeltest::IsolatedTree {
  protected:
   void SetUp() override {
-    root_ = RootDeviceName();
-    if (root_.empty())
+    m_root = RootDeviceName();
+    if (m_root.empty())
       GTEST_SKIP() << "the root file system is on no device path";
     ASSERT_NO_FATAL_FAILURE(MakeTree({"install/xml/config", "home", "work", "scratch", "logs"}));
     if (IsSkipped())
@@ -63,8 +63,8 @@ class DeviceIdOption : public keeltest::IsolatedTree {
         "ln -s /proc/self/mounts /etc/mtab\n"
         "mount -t tmpfs tmpfs /dev || exit 94\n";
     if (withByUuid) {
-      text += "mkdir -p /dev/disk/by-uuid && ln -s ../../" + root_ + " /dev/disk/by-uuid/" + kUuid +
-              "\n";
+      text += "mkdir -p /dev/disk/by-uuid && ln -s ../../" + m_root + " /dev/disk/by-uuid/" +
+              kUuid + "\n";
     }
     return text;
   }
@@ -76,7 +76,7 @@ class DeviceIdOption : public keeltest::IsolatedTree {
                                  m_tree->Sub("scratch"), PrepareDevices(withByUuid));
   }
 
-  std::string root_;
+  std::string m_root;
 };
 
 TEST_F(DeviceIdOption, ShortOptionPrintsTheSha1OfTheUuidLink) {

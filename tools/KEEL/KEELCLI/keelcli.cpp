@@ -37,25 +37,25 @@ const char kLogIdentity[] = "vtc_keelcli";
 CInstanceSmartPtr<CStoragePath> g_storagePath;
 CInstanceSmartPtr<XmlLocalTWPolMgr> g_policyManager;
 
-void printLine(FILE* stream, const char* format, va_list arguments) {
+void PrintLine(FILE* stream, const char* format, va_list arguments) {
   vfprintf(stream, format, arguments);
   fputs("\r\n", stream);
   fflush(stream);
 }
 
-void printInvalidArguments() {
+void PrintInvalidArguments() {
   cliPrintError("%s", "");
   cliPrintError("Invalid arguments. Try \"-h\" or \"-help\" option for help.");
   cliPrintError("%s", "");
 }
 
-void printMissingDestination() {
+void PrintMissingDestination() {
   cliPrintError("%s", "");
   cliPrintError("You need to specify destination path.");
   cliPrintError("%s", "");
 }
 
-void printInvalidLocation(const std::string& location) {
+void PrintInvalidLocation(const std::string& location) {
   cliPrintError("%s", "");
   cliPrintError("Invalid bundle location: %s", location.c_str());
   cliPrintError("The destination folder does not exist.");
@@ -63,7 +63,7 @@ void printInvalidLocation(const std::string& location) {
 }
 
 // Steps of the entry between opening and closing the log scope.
-int runCommandLine(int argc, char** argv) {
+int RunCommandLine(int argc, char** argv) {
   if (!initialize()) {
     cliPrintError("Failed to initialize keelcli...");
     return 1;
@@ -92,14 +92,14 @@ const char* legalNotice() {
 void cliPrint(const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  printLine(stdout, format, arguments);
+  PrintLine(stdout, format, arguments);
   va_end(arguments);
 }
 
 void cliPrintError(const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  printLine(stderr, format, arguments);
+  PrintLine(stderr, format, arguments);
   va_end(arguments);
 }
 
@@ -167,7 +167,7 @@ int parseArguments(int argc, char** argv, bool* exitRequested, const HostPaths& 
       g_clearLogs = true;
     } else if (strcmp(argument, "-dst") == 0) {
       if (i + 1 >= argc) {
-        printMissingDestination();
+        PrintMissingDestination();
         return 1;
       }
       // The value is taken as it stands, even when it looks like an option.
@@ -190,7 +190,7 @@ int parseArguments(int argc, char** argv, bool* exitRequested, const HostPaths& 
     } else if (strcmp(argument, "-twlogs") == 0) {
       g_twLogs = true;
     } else {
-      printInvalidArguments();
+      PrintInvalidArguments();
       return 1;
     }
   }
@@ -263,7 +263,7 @@ bool announceRun(bool customRun) {
     return true;  // a clear run makes no bundle, so its location is not looked at
   cliPrint("Bundle option selected: %s", customRun ? "custom" : "default");
   if (!bundleFolderExists(g_bundleLocation)) {
-    printInvalidLocation(g_bundleLocation);
+    PrintInvalidLocation(g_bundleLocation);
     return false;
   }
   cliPrint("Bundle location: %s", g_bundleLocation.c_str());
@@ -279,5 +279,5 @@ int keelMain(int argc, char** argv) {
   // on every way out.
   ResultCode logResult = 0;
   CLogScope logScope(&logResult, kLogIdentity, nullptr);
-  return runCommandLine(argc, argv);
+  return RunCommandLine(argc, argv);
 }

@@ -33,7 +33,7 @@ const std::string kStars(75, '*');
 
 // The children of `node` as plain pointers: the walks work on this copy, so
 // that nothing a handler does can disturb them.
-std::vector<KEELComponent*> childPointers(const KEELComponent* node) {
+std::vector<KEELComponent*> ChildPointers(const KEELComponent* node) {
   std::vector<KEELComponent*> children;
   for (const auto& child : node->GetChildren())
     children.push_back(child.get());
@@ -41,7 +41,7 @@ std::vector<KEELComponent*> childPointers(const KEELComponent* node) {
 }
 
 // The first word of a command line, or the whole line when that is empty.
-std::string firstWord(const std::string& commandLine) {
+std::string FirstWord(const std::string& commandLine) {
   std::string first = helperUtil::splitBeforeFirst(commandLine, " ");
   return first.empty() ? commandLine : first;
 }
@@ -73,7 +73,7 @@ void KEELAction::Perform(TruncAttrsList& records) {
     KLOG_E("m_pConfigNode is NULL");
     return;
   }
-  const std::vector<KEELComponent*> groups = childPointers(m_pConfigNode);
+  const std::vector<KEELComponent*> groups = ChildPointers(m_pConfigNode);
   for (KEELComponent* group : groups) {
     if (group == nullptr)
       continue;
@@ -85,7 +85,7 @@ void KEELAction::Perform(TruncAttrsList& records) {
       continue;
 
     std::list<std::string> deleteList;
-    const std::vector<KEELComponent*> actions = childPointers(group);
+    const std::vector<KEELComponent*> actions = ChildPointers(group);
     for (KEELComponent* actionNode : actions) {
       XMLObject subtree(actionNode);
       TruncAttrsList local;
@@ -145,7 +145,7 @@ ResultCode KEELAction::parseFileActionAttributes(XMLObject& subtree, FileActionA
     KLOG_E("rXMLActionSubtree.GetRoot() is NULL");
     return KEELENGINE_ERROR_BAD_PARAMETER;
   }
-  const std::vector<KEELComponent*> children = childPointers(root);
+  const std::vector<KEELComponent*> children = ChildPointers(root);
   KEELComponent* truncateType = root->FindChild("truncate_type");
   out.truncateType = truncateType != nullptr ? truncateType->GetValue() : std::string();
 
@@ -174,7 +174,7 @@ ResultCode KEELAction::parseDirectoryActionAttributes(XMLObject& subtree,
     KLOG_E("rXMLActionSubtree.GetRoot() is NULL");
     return KEELENGINE_ERROR_BAD_PARAMETER;
   }
-  const std::vector<KEELComponent*> children = childPointers(root);
+  const std::vector<KEELComponent*> children = ChildPointers(root);
   for (KEELComponent* child : children) {
     if (child == nullptr)
       continue;
@@ -206,7 +206,7 @@ ResultCode KEELAction::parseExternalActionAttributes(XMLObject& subtree, bool is
   }
 
   bool adminArgsTaken = false;
-  const std::vector<KEELComponent*> children = childPointers(root);
+  const std::vector<KEELComponent*> children = ChildPointers(root);
   for (KEELComponent* child : children) {
     if (child == nullptr)
       continue;
@@ -300,7 +300,7 @@ ResultCode KEELAction::callExtern(const std::string& path, const std::string& co
     result = launch(path, commandLine);
   if (result != 0) {
     helperUtil::fillSummaryFailedFile(m_pXMLSummary, m_fileId, "N/A", m_description,
-                                      "Failed to execute " + firstWord(commandLine));
+                                      "Failed to execute " + FirstWord(commandLine));
     return result;
   }
   result = watch(commandLine);
@@ -358,7 +358,7 @@ ResultCode KEELAction::watch(const std::string& commandLine) {
   // One cycle a second until the program has ended, or until the tool has
   // spent its processor-time allowance. After the shell form m_pid is 0 and
   // the first poll normally ends the loop.
-  const std::string first = firstWord(commandLine);
+  const std::string first = FirstWord(commandLine);
   std::string text = "Processing " + m_description + "...";
   ResultCode result = 0;
   const clock_t start = m_pEnv->processorClock();

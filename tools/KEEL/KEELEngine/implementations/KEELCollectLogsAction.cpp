@@ -14,7 +14,7 @@
 namespace {
 
 // The words of the summary for a failed copy, with their leading blank.
-std::string copyErrorText(ResultCode code, const std::string& errorText) {
+std::string CopyErrorText(ResultCode code, const std::string& errorText) {
   std::string phrase;
   if (code == KEELENGINE_ERROR_FILE_NOT_FOUND)
     phrase = " File not found";
@@ -71,7 +71,7 @@ ResultCode KEELCollectLogsAction::performFileAction(XMLObject& subtree, TruncAtt
     if (result != 0) {
       helperUtil::fillSummaryFailedFile(m_pXMLSummary, m_fileId,
                                         helperUtil::splitAfterLast(source, "/"), m_description,
-                                        attributes.loc + copyErrorText(result, errorText));
+                                        attributes.loc + CopyErrorText(result, errorText));
       // The newest file was the one wanted; an older one is no substitute.
       if (attributes.gatherNewest)
         return 0;
@@ -116,7 +116,7 @@ ResultCode KEELCollectLogsAction::performDirectoryAction(XMLObject& subtree,
     if (result != 0) {
       helperUtil::fillSummaryFailedFile(m_pXMLSummary, m_fileId,
                                         helperUtil::splitAfterLast(source, "/"), m_description,
-                                        source + copyErrorText(result, errorText));
+                                        source + CopyErrorText(result, errorText));
       continue;
     }
     records.push_back(collectedRecord(destination));

@@ -80,13 +80,13 @@ collector::collector(XMLObject* request, std::list<KEELComponent*>* unprocessedI
                      const std::string& bundlePath, bool includeLegacyLogs, bool includeSystemLogs,
                      Env* env)
     : m_pXMLRequest(request),
-      unprocessedIds_(unprocessedIds),
-      bundlePath_(bundlePath),
-      includeLegacyLogs_(includeLegacyLogs),
-      includeSystemLogs_(includeSystemLogs),
-      isAdmin_(helperUtil::isUserAdmin()),
+      m_unprocessedIds(unprocessedIds),
+      m_bundlePath(bundlePath),
+      m_includeLegacyLogs(includeLegacyLogs),
+      m_includeSystemLogs(includeSystemLogs),
+      m_isAdmin(helperUtil::isUserAdmin()),
       m_pEnv(env != nullptr ? env : Env::Default()) {
-  (void)constructed_;
+  (void)m_constructed;
 }
 
 collector::~collector() = default;
@@ -172,14 +172,14 @@ ResultCode collector::Collect(std::string& tempFolder, XMLObject* config) {
 void collector::selectByDefault(std::string& tempFolder, XMLObject& config,
                                 ActionSettings& settings) {
   for (KEELComponent* group : getFileGroupComponents(config)) {
-    const bool legacyGroup = includeLegacyLogs_ && HasAttribute(group, "treeRootName") &&
+    const bool legacyGroup = m_includeLegacyLogs && HasAttribute(group, "treeRootName") &&
                              AttributeValue(group, "treeRootName") == kLegacyGroupName;
     std::vector<KEELComponent*> files = getFileGroupFileComponents(group);
     sortById(files);
     const std::string groupFolder = getDirectory(group, tempFolder);
     for (KEELComponent* file : files) {
       const std::string id = AttributeValue(file, "id");
-      if (!includeSystemLogs_ && IsSystemLogId(id))
+      if (!m_includeSystemLogs && IsSystemLogId(id))
         continue;
       if (!isDefault(file) && !legacyGroup) {
         helperUtil::fillSummaryNote(
@@ -218,11 +218,11 @@ void collector::selectByRequest(std::string& tempFolder, XMLObject& config,
         continue;
       }
       if (id == "summary") {
-        if (summaryPath_.empty()) {
+        if (m_summaryPath.empty()) {
           std::string name = ChildValue(entry, "name");
           if (name.empty())
             name = "summary.txt";
-          summaryPath_ = helperUtil::translatePath(tempFolder + "/" + name);
+          m_summaryPath = helperUtil::translatePath(tempFolder + "/" + name);
         }
         continue;
       }
@@ -258,8 +258,8 @@ void collector::runCollection(const ActionSettings& settings) {
                              "Processing " + settings.m_description + "...",
                              KEELOFFLINE_ERROR_PROCESSING);
   }
-  KEELCollectLogsAction action(settings, reader_, isAdmin_);
-  action.Perform(collectedFiles_);
+  KEELCollectLogsAction action(settings, m_reader, m_isAdmin);
+  action.Perform(m_collectedFiles);
 }
 
 ResultCode collector::Clear(XMLObject* config) {
@@ -275,7 +275,7 @@ ResultCode collector::Clear(XMLObject* config) {
     sortById(files);
     for (KEELComponent* file : files) {
       const std::string id = AttributeValue(file, "id");
-      if (!includeSystemLogs_ && IsSystemLogId(id))
+      if (!m_includeSystemLogs && IsSystemLogId(id))
         continue;
       if (!isDefault(file))
         continue;
@@ -291,8 +291,8 @@ ResultCode collector::Clear(XMLObject* config) {
                                "Clearing " + settings.m_description + "...",
                                KEELOFFLINE_ERROR_PROCESSING);
       sleepMillis(50);
-      KEELClearLogsAction action(settings, reader_);
-      action.Perform(collectedFiles_);
+      KEELClearLogsAction action(settings, m_reader);
+      action.Perform(m_collectedFiles);
     }
   }
   return 0;
@@ -332,7 +332,7 @@ void collector::moveReaderToKEEL(KEELComponent* file) {
     KLOG_E("pDC->FindChild(KEEL_CONST) is NULL");
     return;
   }
-  reader_ = keel;
+  m_reader = keel;
 }
 
 ResultCode collector::moveReaderToCorrectOS(KEELComponent* file) {
@@ -341,11 +341,11 @@ ResultCode collector::moveReaderToCorrectOS(KEELComponent* file) {
     return KEELENGINE_ERROR_BAD_PARAMETER;
   }
   moveReaderToKEEL(file);
-  if (reader_ == nullptr || reader_->GetChildren().empty())
+  if (m_reader == nullptr || m_reader->GetChildren().empty())
     return KEELENGINE_ERROR_INTERNAL;
   // Walk a copy of the list: the reader moves during the walk.
   std::vector<KEELComponent*> children;
-  for (const auto& child : reader_->GetChildren())
+  for (const auto& child : m_reader->GetChildren())
     children.push_back(child.get());
   for (KEELComponent* child : children) {
     if (child == nullptr || child->GetName() != "os")
@@ -354,7 +354,7 @@ ResultCode collector::moveReaderToCorrectOS(KEELComponent* file) {
     // Only "linux" can match on this platform; "mac", "win" and anything
     // else never do.
     if (opsys == "linux" && isLinux()) {
-      reader_ = child;
+      m_reader = child;
       return 0;
     }
   }
@@ -366,10 +366,10 @@ void collector::removeFromUnprocessedList(KEELComponent* component) {
     KLOG_E("pDC is NULL");
     return;
   }
-  if (unprocessedIds_ != nullptr) {
-    auto found = std::find(unprocessedIds_->begin(), unprocessedIds_->end(), component);
-    if (found != unprocessedIds_->end()) {
-      unprocessedIds_->erase(found);
+  if (m_unprocessedIds != nullptr) {
+    auto found = std::find(m_unprocessedIds->begin(), m_unprocessedIds->end(), component);
+    if (found != m_unprocessedIds->end()) {
+      m_unprocessedIds->erase(found);
       return;
     }
   }
@@ -409,7 +409,7 @@ ResultCode collector::writeComments(KEELComponent* commentsComponent,
   record.truncateType = TRUNC_NONE;
   record.limit = 0;
   record.defaultType = TRUNC_DATA;
-  collectedFiles_.push_back(record);
+  m_collectedFiles.push_back(record);
   return 0;
 }
 
@@ -445,13 +445,13 @@ ResultCode collector::fillInSummaryMainInfo() {
   m_pXMLSummary->AddChild(mainInfo, "OS:", m_pEnv->osDescription());
   m_pXMLSummary->AddChild(mainInfo, "User Name:", m_pEnv->userName());
   m_pXMLSummary->AddChild(mainInfo,
-                          "Bundle on client computer:", m_pEnv->absolutePath(bundlePath_));
+                          "Bundle on client computer:", m_pEnv->absolutePath(m_bundlePath));
   return 0;
 }
 
 ResultCode collector::writeSummary(const std::string& tempFolder, XMLObject* config) {
-  if (summaryPath_.empty()) {
-    summaryPath_ = helperUtil::translatePath(tempFolder + "/" + "summary.txt");
+  if (m_summaryPath.empty()) {
+    m_summaryPath = helperUtil::translatePath(tempFolder + "/" + "summary.txt");
   }
   ResultCode result;
   {
@@ -462,7 +462,7 @@ ResultCode collector::writeSummary(const std::string& tempFolder, XMLObject* con
     KLOG_RC(LOG_LEVEL_E, "collector::printSummary", result);
     return result;
   }
-  collectedFiles_.clear();
+  m_collectedFiles.clear();
   return 0;
 }
 
@@ -471,12 +471,12 @@ ResultCode collector::printSummary(XMLObject* config) {
     KLOG_E("pXMLObjectConfig is NULL");
     return KEELENGINE_ERROR_BAD_PARAMETER;
   }
-  FileHandle file(fopen(summaryPath_.c_str(), "ae"));
+  FileHandle file(fopen(m_summaryPath.c_str(), "ae"));
   if (!file) {
-    KLOG_E("fopen failed to open file \"%s\"", summaryPath_.c_str());
+    KLOG_E("fopen failed to open file \"%s\"", m_summaryPath.c_str());
     return KEELENGINE_ERROR_FILE_OPEN_FAILURE;
   }
-  truncator lister(collectedFiles_, m_pXMLSummary.get());
+  truncator lister(m_collectedFiles, m_pXMLSummary.get());
   lister.noTruncate();
   std::call_once(g_summaryHeadOnce, [&] { writeHead(file.get()); });
   writeSection(file.get(), *config);
@@ -485,7 +485,7 @@ ResultCode collector::printSummary(XMLObject* config) {
   // close: a summary with a part missing would mislead its reader.
   const bool failed = ferror(file.get()) != 0;
   if (fclose(file.release()) != 0 || failed) {
-    KLOG_E("Could not write file \"%s\"", summaryPath_.c_str());
+    KLOG_E("Could not write file \"%s\"", m_summaryPath.c_str());
     return KEELENGINE_ERROR_WRITE_FAILURE;
   }
   return 0;

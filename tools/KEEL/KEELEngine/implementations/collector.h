@@ -87,9 +87,9 @@ class collector {
   static std::mutex& summaryLock();
 
   XMLObject* summaryDocument() const { return m_pXMLSummary.get(); }
-  const TruncAttrsList& collectedFiles() const { return collectedFiles_; }
-  const std::string& summaryPath() const { return summaryPath_; }
-  KEELComponent* reader() const { return reader_; }
+  const TruncAttrsList& collectedFiles() const { return m_collectedFiles; }
+  const std::string& summaryPath() const { return m_summaryPath; }
+  KEELComponent* reader() const { return m_reader; }
 
  private:
   void selectByDefault(std::string& tempFolder, XMLObject& config, ActionSettings& settings);
@@ -102,15 +102,15 @@ class collector {
 
   XMLObject* m_pXMLRequest;
   std::unique_ptr<XMLObject> m_pXMLSummary;
-  std::list<KEELComponent*>* unprocessedIds_;
-  TruncAttrsList collectedFiles_;
-  bool constructed_ = true;  // set at construction; read by nothing
-  std::string bundlePath_;
-  std::string summaryPath_;
-  KEELComponent* reader_ = nullptr;
-  bool includeLegacyLogs_;
-  bool includeSystemLogs_;
-  bool isAdmin_;
+  std::list<KEELComponent*>* m_unprocessedIds;
+  TruncAttrsList m_collectedFiles;
+  bool m_constructed = true;  // set at construction; read by nothing
+  std::string m_bundlePath;
+  std::string m_summaryPath;
+  KEELComponent* m_reader = nullptr;
+  bool m_includeLegacyLogs;
+  bool m_includeSystemLogs;
+  bool m_isAdmin;
   Env* m_pEnv;
 };
 

@@ -29,7 +29,7 @@ constexpr size_t kDesktopKeyLength = sizeof(kDesktopKey) - 1;  // 17
 constexpr int kMaxExpansions = 1024;
 constexpr size_t kMaxTranslatedLength = 1 << 20;
 
-bool endsWith(const std::string& text, char last) {
+bool EndsWith(const std::string& text, char last) {
   return !text.empty() && text.back() == last;
 }
 
@@ -57,7 +57,7 @@ std::string helperUtil::translatePath(const std::string& path) {
       return result;
     }
     // The value's own trailing "/" replaces the one that ended the name.
-    if (!endsWith(value, '/'))
+    if (!EndsWith(value, '/'))
       value += '/';
     result = result.substr(0, dollar) + value + result.substr(slash + 1);
   }
@@ -92,7 +92,7 @@ std::string helperUtil::getCurrentFolder() {
 
 std::string helperUtil::toAbsolutePath(const std::string& path) {
   std::string current = getCurrentFolder();
-  if (!endsWith(current, '/'))
+  if (!EndsWith(current, '/'))
     current += '/';
   if (path.compare(0, 2, "./") == 0)
     return current + path.substr(2);
@@ -114,7 +114,7 @@ std::string helperUtil::getInstallFolder(const HostPaths& paths) {
 
 std::string helperUtil::getConfigFolder(const std::string& base) {
   std::string folder = base.empty() ? getInstallFolder() : base;
-  if (!endsWith(folder, '/'))
+  if (!EndsWith(folder, '/'))
     folder += '/';
   return folder + "xml/config/";
 }

@@ -32,7 +32,7 @@ struct FolderId {
 };
 using FolderPath = std::vector<FolderId>;
 
-bool isOnPath(const FolderPath& path, dev_t device, ino_t inode) {
+bool IsOnPath(const FolderPath& path, dev_t device, ino_t inode) {
   for (const FolderId& id : path) {
     if (id.device == device && id.inode == inode)
       return true;
@@ -54,11 +54,11 @@ class FolderPathEntry {
   FolderPath& m_path;
 };
 
-bool isDotEntry(const char* name) {
+bool IsDotEntry(const char* name) {
   return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
 }
 
-ResultCode deleteDestination(const std::string& destination) {
+ResultCode DeleteDestination(const std::string& destination) {
   const ResultCode result = helperUtil::fileDelete(destination);
   if (result != 0)
     KLOG_RC(LOG_LEVEL_E, "helperUtil::fileDelete", result);
@@ -67,7 +67,7 @@ ResultCode deleteDestination(const std::string& destination) {
 
 // The copy is made private (0600) and never through a link: it may hold a
 // file only root could read, and its folder may be left behind after the run.
-FILE* openCopyDestination(const std::string& destination) {
+FILE* OpenCopyDestination(const std::string& destination) {
   const int fd =
       open(destination.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
   if (fd < 0)
@@ -81,16 +81,16 @@ FILE* openCopyDestination(const std::string& destination) {
 // A copy that could not be written whole (a full disk, an I/O error) must
 // not pass for the file at a cut size: it is removed and reported with the
 // system's words.
-ResultCode failWrittenCopy(const std::string& destination, int error, std::string& errorText) {
+ResultCode FailWrittenCopy(const std::string& destination, int error, std::string& errorText) {
   errorText = errnoText(error);
   KLOG_RC_DESC(LOG_LEVEL_E, "fwrite", static_cast<ResultCode>(error), errorText.c_str());
   unlink(destination.c_str());
   return KEELENGINE_ERROR_WRITE_FAILURE;
 }
 
-ResultCode copyRegularFile(const std::string& source, const std::string& destination,
+ResultCode CopyRegularFile(const std::string& source, const std::string& destination,
                            std::string& errorText) {
-  ResultCode result = deleteDestination(destination);
+  ResultCode result = DeleteDestination(destination);
   if (result != 0)
     return result;
 
@@ -99,7 +99,7 @@ ResultCode copyRegularFile(const std::string& source, const std::string& destina
     errorText = errnoText(errno);
     return KEELENGINE_ERROR_FILE_OPEN_FAILURE;
   }
-  FileHandle out(openCopyDestination(destination));
+  FileHandle out(OpenCopyDestination(destination));
   if (!out) {
     KLOG_E("Failed to open file \"%s\"", destination.c_str());
     return KEELENGINE_ERROR_FILE_OPEN_FAILURE;
@@ -111,23 +111,23 @@ ResultCode copyRegularFile(const std::string& source, const std::string& destina
     if (got > 0 && fwrite(block.get(), 1, got, out.get()) != got) {
       const int error = errno;
       out.reset();
-      return failWrittenCopy(destination, error, errorText);
+      return FailWrittenCopy(destination, error, errorText);
     }
     if (got < kCopyBlockSize)
       break;
   }
   // The last block reaches the disk only here.
   if (fclose(out.release()) != 0)
-    return failWrittenCopy(destination, errno, errorText);
+    return FailWrittenCopy(destination, errno, errorText);
   return 0;
 }
 
-ResultCode copyPath(const std::string& source, const std::string& destination,
+ResultCode CopyPath(const std::string& source, const std::string& destination,
                     std::string& errorText, FolderPath& ancestors);
 
-ResultCode copyFolder(const std::string& source, const std::string& destination,
+ResultCode CopyFolder(const std::string& source, const std::string& destination,
                       std::string& errorText, FolderPath& ancestors) {
-  ResultCode result = deleteDestination(destination);
+  ResultCode result = DeleteDestination(destination);
   if (result != 0)
     return result;
 
@@ -140,7 +140,7 @@ ResultCode copyFolder(const std::string& source, const std::string& destination,
     return KEELENGINE_ERROR_FILE_OPEN_FAILURE;
   }
   struct stat self = {};
-  if (fstat(dirfd(dir.get()), &self) == 0 && isOnPath(ancestors, self.st_dev, self.st_ino)) {
+  if (fstat(dirfd(dir.get()), &self) == 0 && IsOnPath(ancestors, self.st_dev, self.st_ino)) {
     KLOG_W("Not copying \"%s\": it leads back to a folder being copied", source.c_str());
     return 0;
   }
@@ -153,9 +153,9 @@ ResultCode copyFolder(const std::string& source, const std::string& destination,
 
   FolderPathEntry onPath(ancestors, self.st_dev, self.st_ino);
   while (const dirent* entry = readdir(dir.get())) {
-    if (isDotEntry(entry->d_name))
+    if (IsDotEntry(entry->d_name))
       continue;
-    result = copyPath(source + "/" + entry->d_name, destination + "/" + entry->d_name, errorText,
+    result = CopyPath(source + "/" + entry->d_name, destination + "/" + entry->d_name, errorText,
                       ancestors);
     if (result != 0)
       KLOG_RC(LOG_LEVEL_W, "helperUtil::fileCopy", result);
@@ -163,7 +163,7 @@ ResultCode copyFolder(const std::string& source, const std::string& destination,
   return 0;
 }
 
-ResultCode copyPath(const std::string& source, const std::string& destination,
+ResultCode CopyPath(const std::string& source, const std::string& destination,
                     std::string& errorText, FolderPath& ancestors) {
   struct stat info;
   if (stat(source.c_str(), &info) != 0)
@@ -171,13 +171,13 @@ ResultCode copyPath(const std::string& source, const std::string& destination,
   if (source == destination)
     return 0;
   if (S_ISREG(info.st_mode))
-    return copyRegularFile(source, destination, errorText);
-  return copyFolder(source, destination, errorText, ancestors);
+    return CopyRegularFile(source, destination, errorText);
+  return CopyFolder(source, destination, errorText, ancestors);
 }
 
 // One folder of fileFindAll; `folder` ends in "/" and `patterns` are lower
 // case already.
-ResultCode findIn(const std::string& folder, const std::vector<std::string>& patterns,
+ResultCode FindIn(const std::string& folder, const std::vector<std::string>& patterns,
                   bool recursive, std::vector<FileEntry>& results, FolderPath& ancestors) {
   errno = 0;
   DirHandle dir(opendir(folder.c_str()));
@@ -193,7 +193,7 @@ ResultCode findIn(const std::string& folder, const std::vector<std::string>& pat
   FolderPathEntry onPath(ancestors, self.st_dev, self.st_ino);
 
   while (const dirent* entry = readdir(dir.get())) {
-    if (isDotEntry(entry->d_name))
+    if (IsDotEntry(entry->d_name))
       continue;
     FileEntry found;
     found.name = entry->d_name;
@@ -208,13 +208,13 @@ ResultCode findIn(const std::string& folder, const std::vector<std::string>& pat
     if (found.isDirectory) {
       if (!recursive)
         continue;
-      if (isOnPath(ancestors, info.st_dev, info.st_ino)) {
+      if (IsOnPath(ancestors, info.st_dev, info.st_ino)) {
         KLOG_W("Not searching \"%s%s\": it leads back to a folder being searched", folder.c_str(),
                found.name.c_str());
         continue;
       }
       const ResultCode result =
-          findIn(folder + found.name + "/", patterns, true, results, ancestors);
+          FindIn(folder + found.name + "/", patterns, true, results, ancestors);
       if (result != 0)
         KLOG_RC(LOG_LEVEL_E, "helperUtil::fileFindAll", result);
       continue;
@@ -233,7 +233,7 @@ ResultCode findIn(const std::string& folder, const std::vector<std::string>& pat
   return results.empty() ? KEELENGINE_ERROR_FILE_NOT_FOUND : 0;
 }
 
-std::streamoff toOffset(uint64_t count, bool* fits) {
+std::streamoff ToOffset(uint64_t count, bool* fits) {
   const auto largest = static_cast<uint64_t>(std::numeric_limits<std::streamoff>::max());
   *fits = count <= largest;
   return static_cast<std::streamoff>(*fits ? count : largest);
@@ -244,7 +244,7 @@ std::streamoff toOffset(uint64_t count, bool* fits) {
 ResultCode helperUtil::fileCopy(const std::string& source, const std::string& destination,
                                 std::string& errorText) {
   FolderPath ancestors;
-  return copyPath(source, destination, errorText, ancestors);
+  return CopyPath(source, destination, errorText, ancestors);
 }
 
 ResultCode helperUtil::fileDelete(const std::string& path) {
@@ -264,7 +264,7 @@ ResultCode helperUtil::fileFindAll(std::string& folder, std::vector<std::string>
   for (std::string& pattern : patterns)
     pattern = CStringUtils::toLowerCopy(pattern);
   FolderPath ancestors;
-  return findIn(folder, patterns, recursive, results, ancestors);
+  return FindIn(folder, patterns, recursive, results, ancestors);
 }
 
 ResultCode helperUtil::fileGetNewestMatchingFile(const std::string& folder,
@@ -379,7 +379,7 @@ typedef void (*CutBytes)(std::ifstream& in, std::ofstream& out, uint64_t count);
 // failed read at its end is written too, as the byte 0xFF.
 void KeepFront(std::ifstream& in, std::ofstream& out, uint64_t count) {
   bool fits = false;
-  in.seekg(toOffset(count, &fits), std::ios::beg);
+  in.seekg(ToOffset(count, &fits), std::ios::beg);
   const std::streamoff stop = in.tellg();  // -1 when the seek failed: copy all
   in.clear();
   in.seekg(0, std::ios::beg);
@@ -397,7 +397,7 @@ void KeepFront(std::ifstream& in, std::ofstream& out, uint64_t count) {
 // is copied and the file ends up empty.
 void KeepBack(std::ifstream& in, std::ofstream& out, uint64_t count) {
   bool fits = false;
-  const std::streamoff offset = toOffset(count, &fits);
+  const std::streamoff offset = ToOffset(count, &fits);
   if (fits)
     in.seekg(-offset, std::ios::end);
   if (!fits || !in.good())

@@ -44,7 +44,7 @@ class ScopedEnv {
 
 using keeltest::ScopedCwd;
 
-std::string realFolder(const std::string& path) {
+std::string RealFolder(const std::string& path) {
   char buffer[PATH_MAX];
   return realpath(path.c_str(), buffer) != nullptr ? buffer : "";
 }
@@ -180,7 +180,7 @@ TEST(SessionUser, IsNeverAdministrator) {
 TEST(CurrentFolder, IsTheProcessFolder) {
   keeltest::TempDir dir;
   ScopedCwd cwd(dir.path());
-  EXPECT_EQ(realFolder(dir.path()), helperUtil::getCurrentFolder());
+  EXPECT_EQ(RealFolder(dir.path()), helperUtil::getCurrentFolder());
 }
 
 TEST(CurrentFolder, LongerThanFirstBufferGrows) {
@@ -190,7 +190,7 @@ TEST(CurrentFolder, LongerThanFirstBufferGrows) {
     deep += "/" + std::string(60, 'd');
   ASSERT_TRUE(keeltest::WriteFile(deep + "/marker", "x"));
   ScopedCwd cwd(deep);
-  EXPECT_EQ(realFolder(deep), helperUtil::getCurrentFolder());
+  EXPECT_EQ(RealFolder(deep), helperUtil::getCurrentFolder());
 }
 
 TEST(AbsolutePath, RelativeFormsWithSlashStayUnchanged) {
@@ -204,7 +204,7 @@ TEST(AbsolutePath, RelativeFormsWithSlashStayUnchanged) {
 TEST(AbsolutePath, BareNameAndDotSlashGoUnderCurrentFolder) {
   keeltest::TempDir dir;
   ScopedCwd cwd(dir.path());
-  const std::string current = realFolder(dir.path()) + "/";
+  const std::string current = RealFolder(dir.path()) + "/";
   EXPECT_EQ(current + "a", helperUtil::toAbsolutePath("a"));
   EXPECT_EQ(current + "a", helperUtil::toAbsolutePath("./a"));
   EXPECT_EQ(current + "a/b", helperUtil::toAbsolutePath("./a/b"));
@@ -267,7 +267,7 @@ TEST(InstallFolder, LinkTextWithoutSlashGivesEmpty) {
 
 TEST(InstallFolder, ProgramStartedThroughSymlinkGivesTargetFolder) {
   keeltest::TempDir dir;
-  const std::string target = realFolder("/bin/sleep");
+  const std::string target = RealFolder("/bin/sleep");
   ASSERT_FALSE(target.empty());
   const std::string link = dir.Sub("sleeper");
   ASSERT_EQ(0, symlink("/bin/sleep", link.c_str()));
@@ -405,7 +405,7 @@ TEST(DesktopFolder, FileWithoutKeyFallsBack) {
 
 namespace {
 
-HostOSInfo recordOf(uint32_t type, const char* name, const char* version) {
+HostOSInfo RecordOf(uint32_t type, const char* name, const char* version) {
   HostOSInfo info;
   std::memset(&info, 0, sizeof(info));
   info.type = type;
@@ -419,16 +419,16 @@ HostOSInfo recordOf(uint32_t type, const char* name, const char* version) {
 TEST(OsDescription, LinuxIsNameColonVersion) {
   EXPECT_EQ(
       "Linux: Ubuntu 22.04.1 LTS (Jammy Jellyfish)",
-      helperUtil::getOsDescription(recordOf(6, "Linux", "Ubuntu 22.04.1 LTS (Jammy Jellyfish)")));
+      helperUtil::getOsDescription(RecordOf(6, "Linux", "Ubuntu 22.04.1 LTS (Jammy Jellyfish)")));
 }
 
 TEST(OsDescription, MacIsWordAndVersion) {
-  EXPECT_EQ("macOS 14.2", helperUtil::getOsDescription(recordOf(5, "Darwin", "14.2")));
+  EXPECT_EQ("macOS 14.2", helperUtil::getOsDescription(RecordOf(5, "Darwin", "14.2")));
 }
 
 TEST(OsDescription, OtherFamiliesAreUnknown) {
-  EXPECT_EQ("Unknown: x 1", helperUtil::getOsDescription(recordOf(7, "Other", "x 1")));
-  EXPECT_EQ("Unknown: ", helperUtil::getOsDescription(recordOf(0, "", "")));
+  EXPECT_EQ("Unknown: x 1", helperUtil::getOsDescription(RecordOf(7, "Other", "x 1")));
+  EXPECT_EQ("Unknown: ", helperUtil::getOsDescription(RecordOf(0, "", "")));
 }
 
 TEST(OsDescription, ThisHostIsLinux) {

@@ -104,7 +104,7 @@ std::mutex& helperUtil::statusLock() {
 namespace {
 
 // True when the summary can take entries; logs why not.
-bool hasRoot(const XMLObject* summary) {
+bool HasRoot(const XMLObject* summary) {
   if (summary == nullptr) {
     KLOG_E("pXMLSummary is NULL");
     return false;
@@ -121,7 +121,7 @@ bool hasRoot(const XMLObject* summary) {
 void helperUtil::fillSummaryFailedFile(XMLObject* summary, const std::string& id,
                                        const std::string& fileName, const std::string& description,
                                        const std::string& reason) {
-  if (!hasRoot(summary))
+  if (!HasRoot(summary))
     return;
   KEELComponent* failedFiles = summary->FindChild(summary->GetRoot(), "Manifest_Not_Included");
   if (failedFiles == nullptr) {
@@ -135,7 +135,7 @@ void helperUtil::fillSummaryFailedFile(XMLObject* summary, const std::string& id
 }
 
 void helperUtil::fillSummaryNote(XMLObject* summary, const std::string& note) {
-  if (!hasRoot(summary))
+  if (!HasRoot(summary))
     return;
   KEELComponent* notes = summary->FindChild(summary->GetRoot(), "Other_Note");
   if (notes == nullptr) {
