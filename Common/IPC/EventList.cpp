@@ -103,13 +103,9 @@ ResultCode CEventList::WaitOnEvents(uint32_t milliseconds) {
   timeval time;
   time.tv_sec = milliseconds / 1000;
   time.tv_usec = (milliseconds % 1000) * 1000;
-  const int ready = vvc_select(highest + 1, &readSet, &writeSet, nullptr, &time);
-  if (ready == 0)
-    return EVENT_ERROR_WAIT_TIMEOUT;
-  if (ready < 0) {
-    KLOG_RC(LOG_LEVEL_E, "vvc_select", static_cast<ResultCode>(errno));
-    return EVENT_ERROR_WAIT_FAILED;
-  }
+  const ResultCode waited = SelectEventPipes(highest, &readSet, &writeSet, &time);
+  if (waited != 0)
+    return waited;
 
   for (CCEvent* event : watched) {
     // A callback may have taken an event off the list (or destroyed it);

@@ -39,24 +39,33 @@ timeval MillisToTimeval(uint32_t milliseconds) {
 
 }  // namespace
 
+ResultCode SelectEventPipes(int highest, fd_set* readSet, fd_set* writeSet, timeval* time) {
+  const int ready = vvc_select(highest + 1, readSet, writeSet, nullptr, time);
+  if (ready == 0)
+    return EVENT_ERROR_WAIT_TIMEOUT;
+  if (ready < 0) {
+    KLOG_RC(LOG_LEVEL_E, "vvc_select", static_cast<ResultCode>(errno));
+    return EVENT_ERROR_WAIT_FAILED;
+  }
+  return 0;
+}
+
 CCEvent::CCEvent(ResultCode* result, ISignalable* target, void* context, intptr_t value,
                  int32_t eventType, CEventList* list, int32_t extraFd, int32_t extraMode)
     : m_eventType(eventType), m_pSignalTarget(target), m_context(context), m_value(value) {
-  if (result != nullptr)
-    *result = EVENT_ERROR_BAD_PARAMETER;
-  const ResultCode code =
-      target == nullptr ? EVENT_ERROR_BAD_PARAMETER : basicConstructor(list, extraFd, extraMode);
-  if (result != nullptr)
-    *result = code;
+  finishConstruction(result, target != nullptr, list, extraFd, extraMode);
 }
 
 CCEvent::CCEvent(ResultCode* result, EventCallback callback, void* context, intptr_t value,
                  int32_t eventType, CEventList* list, int32_t extraFd, int32_t extraMode)
     : m_eventType(eventType), m_pCallback(callback), m_context(context), m_value(value) {
-  if (result != nullptr)
-    *result = EVENT_ERROR_BAD_PARAMETER;
+  finishConstruction(result, callback != nullptr, list, extraFd, extraMode);
+}
+
+void CCEvent::finishConstruction(ResultCode* result, bool hasReceiver, CEventList* list,
+                                 int32_t extraFd, int32_t extraMode) {
   const ResultCode code =
-      callback == nullptr ? EVENT_ERROR_BAD_PARAMETER : basicConstructor(list, extraFd, extraMode);
+      hasReceiver ? basicConstructor(list, extraFd, extraMode) : EVENT_ERROR_BAD_PARAMETER;
   if (result != nullptr)
     *result = code;
 }
@@ -206,13 +215,9 @@ ResultCode CCEvent::WaitEvent(uint32_t milliseconds, bool doCallback) {
       highest = m_extraFd;
   }
 
-  const int ready = vvc_select(highest + 1, &readSet, &writeSet, nullptr, &time);
-  if (ready == 0)
-    return EVENT_ERROR_WAIT_TIMEOUT;
-  if (ready < 0) {
-    KLOG_RC(LOG_LEVEL_E, "vvc_select", static_cast<ResultCode>(errno));
-    return EVENT_ERROR_WAIT_FAILED;
-  }
+  const ResultCode waited = SelectEventPipes(highest, &readSet, &writeSet, &time);
+  if (waited != 0)
+    return waited;
 
   const bool extraReady = extraSet != nullptr && FD_ISSET(m_extraFd, extraSet);
   if (FD_ISSET(m_readFd, &readSet) || extraReady) {

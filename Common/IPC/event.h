@@ -16,12 +16,19 @@
 #ifndef COMMON_IPC_EVENT_H_
 #define COMMON_IPC_EVENT_H_
 
+#include <sys/select.h>
+
 #include <atomic>
 #include <cstdint>
 
 #include "Common/Result/ResultCode.h"
 
 class CEventList;
+
+// Waits in select for the pipes in the sets, up to `time`: 0 when one is
+// ready, EVENT_ERROR_WAIT_TIMEOUT when none became ready, and
+// EVENT_ERROR_WAIT_FAILED (logged) when select failed.
+ResultCode SelectEventPipes(int highest, fd_set* readSet, fd_set* writeSet, timeval* time);
 
 // A wait time meaning "no limit".
 constexpr uint32_t EVENT_WAIT_INFINITE = 0xFFFFFFFFu;
@@ -97,6 +104,10 @@ class CCEvent : public ISignalable {
   friend class CEventList;
 
   ResultCode basicConstructor(CEventList* list, int32_t extraFd, int32_t extraMode);
+  // Both constructors end here: the event is made only when it has someone
+  // to tell, and *result (when given) says how it went.
+  void finishConstruction(ResultCode* result, bool hasReceiver, CEventList* list, int32_t extraFd,
+                          int32_t extraMode);
   ResultCode createPipe();
   // Drains the pipe, then (with `doCallback`) hands the event to its callback.
   ResultCode processSignaledEvent(bool doCallback);

@@ -100,19 +100,28 @@ ResultCode ReselectLogSink() {
   return 0;
 }
 
+namespace {
+
+// The caller's own text of one call, in `buffer` of kCallTextSize bytes;
+// empty without a format.
+void RenderCallText(char* buffer, const char* format, va_list arguments) {
+  buffer[0] = '\0';
+  if (format != nullptr)
+    boundedFormatV(buffer, kCallTextSize, format, arguments);
+}
+
+}  // namespace
+
 bool HasLogSink() {
   return g_sink.load() != nullptr;
 }
 
 void LogDebugMessage(const char* function, const char* file, unsigned line, unsigned level,
                      const char* format, ...) {
-  t_messageText[0] = '\0';
-  if (format != nullptr) {
-    va_list arguments;
-    va_start(arguments, format);
-    boundedFormatV(t_messageText, kCallTextSize, format, arguments);
-    va_end(arguments);
-  }
+  va_list arguments;
+  va_start(arguments, format);
+  RenderCallText(t_messageText, format, arguments);
+  va_end(arguments);
   LogMessageId(MID_DEBUG_MESSAGE, level, CachedThreadId(), function, file, static_cast<int>(line),
                t_messageText);
 }
@@ -120,13 +129,10 @@ void LogDebugMessage(const char* function, const char* file, unsigned line, unsi
 void LogDebugReturnCode(const char* function, const char* file, unsigned line, unsigned level,
                         const char* invokedFunction, ResultCode code, const char* description,
                         const char* format, ...) {
-  t_returnCodeText[0] = '\0';
-  if (format != nullptr) {
-    va_list arguments;
-    va_start(arguments, format);
-    boundedFormatV(t_returnCodeText, kCallTextSize, format, arguments);
-    va_end(arguments);
-  }
+  va_list arguments;
+  va_start(arguments, format);
+  RenderCallText(t_returnCodeText, format, arguments);
+  va_end(arguments);
   const char* trailing = t_returnCodeText;
   if (description == nullptr) {
     if (code == 0) {

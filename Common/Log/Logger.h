@@ -30,28 +30,29 @@ class ILogger {
   virtual ~ILogger() = default;
 };
 
+// A sink that names the program in every record.
+class CNamedLogger : public ILogger {
+ protected:
+  explicit CNamedLogger(const char* identifier) : m_identifier(identifier) {}
+  std::string m_identifier;
+};
+
 // Sends each record to the system journal with exactly the fields MESSAGE,
 // PRIORITY and SYSLOG_IDENTIFIER.
-class CSDJournalLogger : public ILogger {
+class CSDJournalLogger : public CNamedLogger {
  public:
-  explicit CSDJournalLogger(const char* identifier) : m_identifier(identifier) {}
+  explicit CSDJournalLogger(const char* identifier) : CNamedLogger(identifier) {}
   ResultCode Log(uint32_t severity, const char* message, const char* messageName,
                  uint32_t messageId, uint32_t level) override;
-
- private:
-  std::string m_identifier;
 };
 
 // Writes each record as one line on standard output:
 // "<local time> <identifier>[<pid>]: [<WORD>] <message>".
-class CStdoutLogger : public ILogger {
+class CStdoutLogger : public CNamedLogger {
  public:
-  explicit CStdoutLogger(const char* identifier) : m_identifier(identifier) {}
+  explicit CStdoutLogger(const char* identifier) : CNamedLogger(identifier) {}
   ResultCode Log(uint32_t severity, const char* message, const char* messageName,
                  uint32_t messageId, uint32_t level) override;
-
- private:
-  std::string m_identifier;
 };
 
 #endif  // COMMON_LOG_LOGGER_H_

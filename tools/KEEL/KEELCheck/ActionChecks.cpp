@@ -83,6 +83,19 @@ void CheckVariablesOf(CheckContext& context, const KEELComponent* at, const std:
 }
 
 // The last direct child of that name, or `fallback`.
+// The finding on a child that makes the tool drop its whole `group` action.
+std::string NotAllowed(const KEELComponent* child, const char* group, Place place) {
+  return Tag(child) + " is not allowed in a " + group + ": the tool drops the whole action; " +
+         NameHint(child->GetName(), place);
+}
+
+// Leaves `child` out of the next parse; true once so many children are
+// left out that the check gives up on the action.
+bool LeaveOut(const KEELComponent* child, std::set<const KEELComponent*>& leftOut) {
+  leftOut.insert(child);
+  return leftOut.size() >= kMaxRefusedChildren;
+}
+
 const KEELComponent* LastChild(const KEELComponent* parent, const std::string& name,
                                const KEELComponent* fallback) {
   const KEELComponent* last = fallback;
@@ -139,12 +152,8 @@ void CheckDirectoryCopy(CheckContext& context, const KEELComponent* action) {
       context.Error(action, "the tool refuses this directory_copy_action and drops it");
       return;
     }
-    context.Error(foreign, Tag(foreign) +
-                               " is not allowed in a directory_copy_action: the tool drops the "
-                               "whole action; " +
-                               NameHint(foreign->GetName(), Place::kDirectoryAction));
-    leftOut.insert(foreign);
-    if (leftOut.size() >= kMaxRefusedChildren)
+    context.Error(foreign, NotAllowed(foreign, "directory_copy_action", Place::kDirectoryAction));
+    if (LeaveOut(foreign, leftOut))
       return;
   }
   if (attributes.loc.empty())
@@ -267,13 +276,9 @@ bool ParseExternal(CheckContext& context, const KEELComponent* action, bool isAd
                                  " holds elements: the tool drops the whole action; it takes "
                                  "text only here");
     } else {
-      context.Error(refused, Tag(refused) +
-                                 " is not allowed in a use_extern_action: the tool drops the "
-                                 "whole action; " +
-                                 NameHint(refused->GetName(), Place::kExternalAction));
+      context.Error(refused, NotAllowed(refused, "use_extern_action", Place::kExternalAction));
     }
-    leftOut.insert(refused);
-    if (leftOut.size() >= kMaxRefusedChildren)
+    if (LeaveOut(refused, leftOut))
       return false;
   }
 }

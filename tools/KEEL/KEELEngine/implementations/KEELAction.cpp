@@ -40,6 +40,18 @@ std::vector<KEELComponent*> ChildPointers(const KEELComponent* node) {
   return children;
 }
 
+// The root of an action element's view and a copy of its children; null,
+// logged, when the view has none.
+KEELComponent* ActionRoot(XMLObject& subtree, std::vector<KEELComponent*>& children) {
+  KEELComponent* root = subtree.GetRoot();
+  if (root == nullptr) {
+    KLOG_E("rXMLActionSubtree.GetRoot() is NULL");
+    return nullptr;
+  }
+  children = ChildPointers(root);
+  return root;
+}
+
 // The first word of a command line, or the whole line when that is empty.
 std::string FirstWord(const std::string& commandLine) {
   std::string first = helperUtil::splitBeforeFirst(commandLine, " ");
@@ -140,12 +152,10 @@ std::string KEELAction::getPath(KEELComponent* node) {
 }
 
 ResultCode KEELAction::parseFileActionAttributes(XMLObject& subtree, FileActionAttributes& out) {
-  KEELComponent* root = subtree.GetRoot();
-  if (root == nullptr) {
-    KLOG_E("rXMLActionSubtree.GetRoot() is NULL");
+  std::vector<KEELComponent*> children;
+  KEELComponent* root = ActionRoot(subtree, children);
+  if (root == nullptr)
     return KEELENGINE_ERROR_BAD_PARAMETER;
-  }
-  const std::vector<KEELComponent*> children = ChildPointers(root);
   KEELComponent* truncateType = root->FindChild("truncate_type");
   out.truncateType = truncateType != nullptr ? truncateType->GetValue() : std::string();
 
@@ -169,12 +179,10 @@ ResultCode KEELAction::parseFileActionAttributes(XMLObject& subtree, FileActionA
 
 ResultCode KEELAction::parseDirectoryActionAttributes(XMLObject& subtree,
                                                       DirectoryActionAttributes& out) {
-  KEELComponent* root = subtree.GetRoot();
-  if (root == nullptr) {
-    KLOG_E("rXMLActionSubtree.GetRoot() is NULL");
+  std::vector<KEELComponent*> children;
+  KEELComponent* root = ActionRoot(subtree, children);
+  if (root == nullptr)
     return KEELENGINE_ERROR_BAD_PARAMETER;
-  }
-  const std::vector<KEELComponent*> children = ChildPointers(root);
   for (KEELComponent* child : children) {
     if (child == nullptr)
       continue;
@@ -199,14 +207,12 @@ ResultCode KEELAction::parseDirectoryActionAttributes(XMLObject& subtree,
 ResultCode KEELAction::parseExternalActionAttributes(XMLObject& subtree, bool isAdmin,
                                                      ExternalActionAttributes& out) {
   out = ExternalActionAttributes();
-  KEELComponent* root = subtree.GetRoot();
-  if (root == nullptr) {
-    KLOG_E("rXMLActionSubtree.GetRoot() is NULL");
+  std::vector<KEELComponent*> children;
+  KEELComponent* root = ActionRoot(subtree, children);
+  if (root == nullptr)
     return KEELENGINE_ERROR_BAD_PARAMETER;
-  }
 
   bool adminArgsTaken = false;
-  const std::vector<KEELComponent*> children = ChildPointers(root);
   for (KEELComponent* child : children) {
     if (child == nullptr)
       continue;

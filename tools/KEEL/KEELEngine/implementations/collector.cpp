@@ -23,19 +23,16 @@ namespace {
 const char kLegacyGroupName[] = "Legacy - Velon Tidewalker Tessel Mobility Client";
 const char kKeelConst[] = "keel";
 
-// Column widths of the summary's tables.
-const int kIdWidth = 17;
-const int kNameWidth = 28;
-const int kDescriptionWidth = 40;
-const int kSizeWidth = 10;
-const int kReasonWidth = 50;
-const int kIncludedRuleWidth = 101;
-const int kOmittedRuleWidth = 141;
+// Column widths of the summary's tables, and the widths of their rules.
+struct SummaryWidths {
+  int id, name, description, size, reason, includedRule, omittedRule;
+};
+constexpr SummaryWidths kWidths = {17, 28, 40, 10, 50, 101, 141};
 const char kRowFormat[] = "%-*.*s  %-*.*s  %-*.*s  %-*.*s\n";
 
 const std::string& Rule(char c) {
-  static const std::string equals(kOmittedRuleWidth, '=');
-  static const std::string dashes(kOmittedRuleWidth, '-');
+  static const std::string equals(kWidths.omittedRule, '=');
+  static const std::string dashes(kWidths.omittedRule, '-');
   return c == '=' ? equals : dashes;
 }
 
@@ -508,27 +505,28 @@ void collector::writeHead(FILE* file) {
 }
 
 void collector::writeSection(FILE* file, XMLObject& config) {
-  fprintf(file, "\n%.*s\n", kOmittedRuleWidth, Rule('=').c_str());
+  fprintf(file, "\n%.*s\n", kWidths.omittedRule, Rule('=').c_str());
   KEELComponent* title = config.FindChildUnder("configure", "title");
   fprintf(file, "%s:\n\n", title != nullptr ? title->GetValue().c_str() : "");
   fprintf(file, "Files Included in Bundle:\n");
-  fprintf(file, kRowFormat, kIdWidth, kIdWidth, "ID", kNameWidth, kNameWidth, "Filename",
-          kDescriptionWidth, kDescriptionWidth, "Description", kSizeWidth, kSizeWidth, "File Size");
-  fprintf(file, "%*.*s\n", kIncludedRuleWidth, kIncludedRuleWidth, Rule('-').c_str());
+  fprintf(file, kRowFormat, kWidths.id, kWidths.id, "ID", kWidths.name, kWidths.name, "Filename",
+          kWidths.description, kWidths.description, "Description", kWidths.size, kWidths.size,
+          "File Size");
+  fprintf(file, "%*.*s\n", kWidths.includedRule, kWidths.includedRule, Rule('-').c_str());
   KEELComponent* root = m_pXMLSummary ? m_pXMLSummary->GetRoot() : nullptr;
   KEELComponent* included = root != nullptr ? root->FindChild("Manifest_Included") : nullptr;
-  writeComponentRows(file, included, "file_size", kSizeWidth);
-  fprintf(file, "%.*s\n", kIncludedRuleWidth, Rule('-').c_str());
+  writeComponentRows(file, included, "file_size", kWidths.size);
+  fprintf(file, "%.*s\n", kWidths.includedRule, Rule('-').c_str());
 
   KEELComponent* omitted = root != nullptr ? root->FindChild("Manifest_Not_Included") : nullptr;
   if (omitted != nullptr && !omitted->GetChildren().empty()) {
     fprintf(file, "\n\nFiles Omitted from Bundle:\n");
-    fprintf(file, kRowFormat, kIdWidth, kIdWidth, "ID", kNameWidth, kNameWidth, "Filename",
-            kDescriptionWidth, kDescriptionWidth, "Description", kReasonWidth, kReasonWidth,
+    fprintf(file, kRowFormat, kWidths.id, kWidths.id, "ID", kWidths.name, kWidths.name, "Filename",
+            kWidths.description, kWidths.description, "Description", kWidths.reason, kWidths.reason,
             "Reason Omitted");
-    fprintf(file, "%.*s\n", kOmittedRuleWidth, Rule('-').c_str());
-    writeComponentRows(file, omitted, "reason", kReasonWidth);
-    fprintf(file, "%.*s\n", kOmittedRuleWidth, Rule('-').c_str());
+    fprintf(file, "%.*s\n", kWidths.omittedRule, Rule('-').c_str());
+    writeComponentRows(file, omitted, "reason", kWidths.reason);
+    fprintf(file, "%.*s\n", kWidths.omittedRule, Rule('-').c_str());
   }
 
   KEELComponent* notes = root != nullptr ? root->FindChild("Other_Note") : nullptr;
@@ -552,11 +550,11 @@ void collector::writeComponentRows(FILE* file, KEELComponent* parent, const char
     // At least one row, also for four empty texts; more while any is left.
     do {
       const std::string lastPiece = nextPiece(last, lastWidth);
-      const std::string descriptionPiece = nextPiece(description, kDescriptionWidth);
-      const std::string namePiece = nextPiece(name, kNameWidth);
-      const std::string idPiece = nextPiece(id, kIdWidth);
-      fprintf(file, kRowFormat, kIdWidth, kIdWidth, idPiece.c_str(), kNameWidth, kNameWidth,
-              namePiece.c_str(), kDescriptionWidth, kDescriptionWidth, descriptionPiece.c_str(),
+      const std::string descriptionPiece = nextPiece(description, kWidths.description);
+      const std::string namePiece = nextPiece(name, kWidths.name);
+      const std::string idPiece = nextPiece(id, kWidths.id);
+      fprintf(file, kRowFormat, kWidths.id, kWidths.id, idPiece.c_str(), kWidths.name, kWidths.name,
+              namePiece.c_str(), kWidths.description, kWidths.description, descriptionPiece.c_str(),
               lastWidth, lastWidth, lastPiece.c_str());
     } while (!id.done() || !name.done() || !description.done() || !last.done());
   }
