@@ -62,13 +62,13 @@ ResultCode HashString(CHash& hash, const std::string& data, std::string& out);
 // Hashes the content of the file at `path`, read in blocks of 1024 bytes.
 ResultCode HashFile(CHash& hash, const std::string& path, std::string& out);
 
-// The digests the family's programs choose by number.
+// The digests the family's programs choose by number, numbered from 0 in this order.
 enum HashAlgorithm : unsigned {
-  HASH_ALGORITHM_SHA1 = 0,
-  HASH_ALGORITHM_MD5 = 1,
-  HASH_ALGORITHM_SHA256 = 2,
-  HASH_ALGORITHM_SHA384 = 3,
-  HASH_ALGORITHM_SHA512 = 4,
+  HASH_ALGORITHM_SHA1,
+  HASH_ALGORITHM_MD5,
+  HASH_ALGORITHM_SHA256,
+  HASH_ALGORITHM_SHA384,
+  HASH_ALGORITHM_SHA512,
 };
 
 // HashFile with a hash object of its own for the digest `hashName`.

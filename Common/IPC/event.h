@@ -40,9 +40,8 @@ constexpr int32_t EVENT_TYPE_PLAIN = 0;
 constexpr int32_t EVENT_TYPE_PRIORITY = 1;
 constexpr int32_t EVENT_TYPE_ARMED = 2;
 
-// The extra descriptor is watched for reading (0) or for writing (1).
-constexpr int32_t EVENT_EXTRA_FD_READ = 0;
-constexpr int32_t EVENT_EXTRA_FD_WRITE = 1;
+// The extra descriptor is watched for reading or for writing.
+enum : int32_t { EVENT_EXTRA_FD_READ = 0, EVENT_EXTRA_FD_WRITE = 1 };
 
 // Something that can be told that an event fired.
 class ISignalable {

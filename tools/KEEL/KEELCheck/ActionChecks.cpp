@@ -83,6 +83,15 @@ void CheckVariablesOf(CheckContext& context, const KEELComponent* at, const std:
 }
 
 // The last direct child of that name, or `fallback`.
+// A command whose first word names a folder that the tool adds to <path>
+// and keeps in the name, so that the program runs as `runs`.
+void WarnFolderKeptInName(CheckContext& context, const KEELComponent* at, const std::string& runs) {
+  context.Warning(at, "the program runs as " + Quoted(runs) + ": the folder in the first word of " +
+                          Tag(at) +
+                          " is added to <path> and also kept in the name; give the bare name in " +
+                          Tag(at) + " and its folder in <path>");
+}
+
 // The finding on a child that makes the tool drop its whole `group` action.
 std::string NotAllowed(const KEELComponent* child, const char* group, Place place) {
   return Tag(child) + " is not allowed in a " + group + ": the tool drops the whole action; " +
@@ -188,11 +197,7 @@ void CheckLaunchCommand(CheckContext& context, const KEELComponent* at, const st
   } else if (first.find('/') != std::string::npos) {
     const std::string meant = first[0] == '/' || written.empty() ? first : written + "/" + first;
     if (LexicallyTidy(runs) != LexicallyTidy(meant)) {
-      context.Warning(at, "the program runs as " + Quoted(runs) +
-                              ": the folder in the first word of " + Tag(at) +
-                              " is added to <path> and also kept in the name; give the bare "
-                              "name in " +
-                              Tag(at) + " and its folder in <path>");
+      WarnFolderKeptInName(context, at, runs);
     }
   }
   const std::string rest = RestAfterFirstWord(commandLine);
@@ -218,11 +223,7 @@ void CheckShellCommand(CheckContext& context, const KEELComponent* at, const std
     const std::string runs = path + "/" + first;
     const std::string meant = written.empty() ? first : written + "/" + first;
     if (LexicallyTidy(runs) != LexicallyTidy(meant)) {
-      context.Warning(at, "the program runs as " + Quoted(runs) +
-                              ": the folder in the first word of " + Tag(at) +
-                              " is added to <path> and also kept in the name; give the bare "
-                              "name in " +
-                              Tag(at) + " and its folder in <path>");
+      WarnFolderKeptInName(context, at, runs);
     }
   }
   std::string unbounded;

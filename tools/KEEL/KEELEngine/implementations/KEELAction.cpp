@@ -40,15 +40,18 @@ std::vector<KEELComponent*> ChildPointers(const KEELComponent* node) {
   return children;
 }
 
-// The root of an action element's view and a copy of its children; null,
-// logged, when the view has none.
+// The root of an action element's view and a copy of its children (empty
+// places passed over); null, logged, when the view has none.
 KEELComponent* ActionRoot(XMLObject& subtree, std::vector<KEELComponent*>& children) {
   KEELComponent* root = subtree.GetRoot();
   if (root == nullptr) {
     KLOG_E("rXMLActionSubtree.GetRoot() is NULL");
     return nullptr;
   }
-  children = ChildPointers(root);
+  for (KEELComponent* child : ChildPointers(root)) {
+    if (child != nullptr)
+      children.push_back(child);
+  }
   return root;
 }
 
@@ -160,8 +163,6 @@ ResultCode KEELAction::parseFileActionAttributes(XMLObject& subtree, FileActionA
   out.truncateType = truncateType != nullptr ? truncateType->GetValue() : std::string();
 
   for (KEELComponent* child : children) {
-    if (child == nullptr)
-      continue;
     const std::string name = child->GetName();
     if (name == "loc") {
       out.loc = child->GetValue();
@@ -184,8 +185,6 @@ ResultCode KEELAction::parseDirectoryActionAttributes(XMLObject& subtree,
   if (root == nullptr)
     return KEELENGINE_ERROR_BAD_PARAMETER;
   for (KEELComponent* child : children) {
-    if (child == nullptr)
-      continue;
     const std::string name = child->GetName();
     if (name == "loc") {
       out.loc = child->GetValue();
@@ -214,8 +213,6 @@ ResultCode KEELAction::parseExternalActionAttributes(XMLObject& subtree, bool is
 
   bool adminArgsTaken = false;
   for (KEELComponent* child : children) {
-    if (child == nullptr)
-      continue;
     out.tagName = child->GetName();
     const std::string& tag = out.tagName;
     if (tag == "path" || tag == "plugin" || tag == "regis" || tag == "regis64") {
