@@ -20,34 +20,18 @@
 
 #include "Common/IPC/event.h"
 #include "Common/Utility/sysutils.h"
+#include "tests/support/FakeDiskHost.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
 
-// Host paths whose process table is `dir`.
-HostPaths ProcAt(const keeltest::TempDir& dir) {
-  HostPaths paths;
-  paths.procRoot = dir.path();
-  return paths;
-}
+using keeltest::ProcAt;
 
 using keeltest::LogCapture;
 using keeltest::TempDir;
 
-// Writes an executable /bin/sh script and returns its path.
-std::string WriteScript(const TempDir& dir, const std::string& name, const std::string& body) {
-  const std::string path = dir.Sub(name);
-  keeltest::WriteFile(path, "#!/bin/sh\n" + body + "\n");
-  chmod(path.c_str(), 0755);
-  return path;
-}
-
-// True when the process has no child left, collected or not.
-bool NoChildLeft() {
-  int status = 0;
-  errno = 0;
-  return waitpid(-1, &status, WNOHANG) == -1 && errno == ECHILD;
-}
+using keeltest::NoChildLeft;
+using keeltest::WriteScript;
 
 using keeltest::RunInChild;
 

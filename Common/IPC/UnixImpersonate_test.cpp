@@ -12,16 +12,12 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/FakeDiskHost.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
 
-// Host paths whose process table is `dir`.
-HostPaths ProcAt(const keeltest::TempDir& dir) {
-  HostPaths paths;
-  paths.procRoot = dir.path();
-  return paths;
-}
+using keeltest::ProcAt;
 
 using keeltest::LogCapture;
 using keeltest::TempDir;

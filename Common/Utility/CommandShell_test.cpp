@@ -20,19 +20,8 @@ namespace {
 using keeltest::LogCapture;
 using keeltest::TempDir;
 
-// Writes an executable /bin/sh script and returns its path.
-std::string WriteScript(const TempDir& dir, const std::string& name, const std::string& body) {
-  const std::string path = dir.Sub(name);
-  keeltest::WriteFile(path, "#!/bin/sh\n" + body + "\n");
-  chmod(path.c_str(), 0755);
-  return path;
-}
-
-bool NoChildLeft() {
-  int status = 0;
-  errno = 0;
-  return waitpid(-1, &status, WNOHANG) == -1 && errno == ECHILD;
-}
+using keeltest::NoChildLeft;
+using keeltest::WriteScript;
 
 std::vector<std::string> Lines(const char* command, ResultCode* result) {
   std::vector<std::string> lines;

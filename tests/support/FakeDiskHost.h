@@ -1,7 +1,9 @@
-// A host's disks in a temporary folder, for the device identifier: a mount
-// table whose root file system is the device "sda2", and a by-uuid folder
-// with a link for another device and, unless `uuid` is empty, one named
-// `uuid` for sda2.
+// Fixed host places stood in for by temporary folders.
+//
+// FakeDiskHost: a host's disks, for the device identifier: a mount table
+// whose root file system is the device "sda2", and a by-uuid folder with a
+// link for another device and, unless `uuid` is empty, one named `uuid` for
+// sda2. ProcAt: a process table in a folder of the test's.
 #ifndef TESTS_SUPPORT_FAKEDISKHOST_H_
 #define TESTS_SUPPORT_FAKEDISKHOST_H_
 
@@ -24,6 +26,13 @@ class FakeDiskHost {
   TempDir m_dir;
   HostPaths m_paths;
 };
+
+// Host paths whose process table is the folder `dir`.
+inline HostPaths ProcAt(const TempDir& dir) {
+  HostPaths paths;
+  paths.procRoot = dir.path();
+  return paths;
+}
 
 }  // namespace keeltest
 

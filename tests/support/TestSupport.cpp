@@ -236,6 +236,29 @@ std::string BuildDir() {
   return path.substr(0, path.rfind('/'));
 }
 
+std::string TextFromChild(const std::function<std::string()>& body) {
+  int fds[2];
+  if (pipe(fds) != 0)
+    return "<no pipe>";
+  const pid_t pid = fork();
+  if (pid == 0) {
+    close(fds[0]);
+    const std::string text = body();
+    const ssize_t written = write(fds[1], text.data(), text.size());
+    (void)written;
+    _exit(0);
+  }
+  close(fds[1]);
+  std::string text;
+  char buffer[4096];
+  ssize_t got;
+  while ((got = read(fds[0], buffer, sizeof(buffer))) > 0)
+    text.append(buffer, static_cast<size_t>(got));
+  close(fds[0]);
+  waitpid(pid, nullptr, 0);
+  return text;
+}
+
 std::string SourceDir() {
   return KEEL_SOURCE_DIR;
 }
@@ -244,6 +267,12 @@ bool WriteScript(const std::string& path, const std::string& body) {
   if (!WriteFile(path, "#!/bin/sh\n" + body + "\n"))
     return false;
   return chmod(path.c_str(), 0755) == 0;
+}
+
+std::string WriteScript(const TempDir& dir, const std::string& name, const std::string& body) {
+  const std::string path = dir.Sub(name);
+  WriteScript(path, body);
+  return path;
 }
 
 bool NoChildLeft() {

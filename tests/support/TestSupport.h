@@ -123,6 +123,11 @@ std::string ZipEntry(const std::string& archive, const std::string& name);
 // (limits, signal dispositions, the umask).
 int RunInChild(const std::function<int()>& body);
 
+// Runs `body` in a forked child and returns the text it returned (sent back
+// through a pipe); "<no pipe>" when no pipe can be made. For tests whose
+// child changes its identity or limits.
+std::string TextFromChild(const std::function<std::string()>& body);
+
 // The folder holding the test binaries (the build folder's top).
 std::string BuildDir();
 
@@ -133,6 +138,8 @@ std::string SourceDir();
 // Writes `body` as a /bin/sh script at `path` (a "#!/bin/sh" line is put in
 // front and a newline after it) and makes it executable; returns success.
 bool WriteScript(const std::string& path, const std::string& body);
+// The same at `dir`/`name`; returns the script's path.
+std::string WriteScript(const TempDir& dir, const std::string& name, const std::string& body);
 
 // True when the test process has no child left, collected or not.
 bool NoChildLeft();

@@ -11,10 +11,8 @@
 namespace keelcheck {
 namespace {
 
-using keelchecktest::CheckRun;
-using keelchecktest::GoodProgram;
-using keelchecktest::LinuxBlock;
-using keelchecktest::OneInstruction;
+// The test kit of the checker: runs, programs and instruction snippets.
+using namespace keelchecktest;  // NOLINT(build/namespaces)
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;

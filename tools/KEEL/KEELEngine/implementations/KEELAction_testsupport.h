@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/ParsedXml.h"
 #include "tests/support/TestSupport.h"
 #include "tools/KEEL/KEELEngine/implementations/KEELAction.h"
 #include "tools/KEEL/KEELEngine/implementations/parser/KEELComponent.h"
@@ -24,29 +25,7 @@
 
 namespace actiontest {
 
-// An XML text parsed into a tree that lives as long as this object.
-class ParsedXml {
- public:
-  explicit ParsedXml(const std::string& text) {
-    m_ok = m_loader.Load(text, KEELXmlLoader::kTypeText, m_documents) != nullptr;
-  }
-  bool ok() const { return m_ok; }
-  KEELComponent* root() const {
-    return m_documents.empty() ? nullptr : m_documents.front()->GetRoot();
-  }
-  // The first child of the root: the action element of a group snippet.
-  KEELComponent* firstChild() const {
-    KEELComponent* top = root();
-    if (top == nullptr || top->GetChildren().empty())
-      return nullptr;
-    return top->GetChildren().front().get();
-  }
-
- private:
-  KEELXmlLoader m_loader;
-  XMLObjectList m_documents;
-  bool m_ok = false;
-};
+using keeltest::ParsedXml;
 
 // A summary document as the collector starts it.
 inline std::unique_ptr<XMLObject> MakeSummary() {
@@ -105,50 +84,21 @@ inline size_t NoteCount(const XMLObject& summary) {
   return notes != nullptr ? notes->GetChildren().size() : 0;
 }
 
-// Writes an executable /bin/sh script.
-inline bool WriteScript(const std::string& path, const std::string& body) {
-  if (!keeltest::WriteFile(path, "#!/bin/sh\n" + body))
-    return false;
-  return chmod(path.c_str(), 0755) == 0;
-}
+using keeltest::WriteScript;
 
-// True when the test process has no child left, collected or not.
-inline bool NoChildLeft() {
-  errno = 0;
-  return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD;
-}
+using keeltest::NoChildLeft;
 
 // Runs `body` in a child process that is the user "nobody" and may not
 // start processes of its own, so that every fork in it fails. Returns the
 // text that `body` returned, or "<no setuid>" when the identity cannot be
 // changed (the caller then skips).
 inline std::string InChildThatCannotFork(const std::function<std::string()>& body) {
-  int fds[2];
-  if (pipe(fds) != 0)
-    return "<no pipe>";
-  const pid_t pid = fork();
-  if (pid == 0) {
-    close(fds[0]);
-    std::string text;
-    if (setgid(65534) != 0 || setuid(65534) != 0) {
-      text = "<no setuid>";
-    } else {
-      rlimit none = {0, 0};
-      text = setrlimit(RLIMIT_NPROC, &none) == 0 ? body() : "<no setuid>";
-    }
-    const ssize_t written = write(fds[1], text.data(), text.size());
-    (void)written;
-    _exit(0);
-  }
-  close(fds[1]);
-  std::string text;
-  char buffer[4096];
-  ssize_t got;
-  while ((got = read(fds[0], buffer, sizeof(buffer))) > 0)
-    text.append(buffer, static_cast<size_t>(got));
-  close(fds[0]);
-  waitpid(pid, nullptr, 0);
-  return text;
+  return keeltest::TextFromChild([&]() -> std::string {
+    if (setgid(65534) != 0 || setuid(65534) != 0)
+      return "<no setuid>";
+    rlimit none = {0, 0};
+    return setrlimit(RLIMIT_NPROC, &none) == 0 ? body() : "<no setuid>";
+  });
 }
 
 // Settings for an action of ID "id-1" described as "Test logs".

@@ -60,28 +60,11 @@ std::string ClearInstruction(const std::string& id, const std::string& loc,
 // Runs `body` in a child process as the user "nobody" and returns its
 // text, or "<no setuid>" when the identity can't be changed.
 std::string AsNobody(const std::function<std::string()>& body) {
-  int fds[2];
-  if (pipe(fds) != 0)
-    return "<no pipe>";
-  const pid_t pid = fork();
-  if (pid == 0) {
-    close(fds[0]);
-    std::string text = "<no setuid>";
+  return keeltest::TextFromChild([&]() -> std::string {
     if (setgid(65534) == 0 && setuid(65534) == 0 && getuid() == 65534 && geteuid() == 65534)
-      text = body();
-    const ssize_t written = write(fds[1], text.data(), text.size());
-    (void)written;
-    _exit(0);
-  }
-  close(fds[1]);
-  std::string text;
-  char buffer[4096];
-  ssize_t got;
-  while ((got = read(fds[0], buffer, sizeof(buffer))) > 0)
-    text.append(buffer, got);
-  close(fds[0]);
-  waitpid(pid, nullptr, 0);
-  return text;
+      return body();
+    return "<no setuid>";
+  });
 }
 
 class CollectorSelection : public CollectorFixture {};

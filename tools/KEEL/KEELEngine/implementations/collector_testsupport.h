@@ -21,6 +21,7 @@
 
 #include "Common/Log/Log.h"
 #include "tests/support/FakeEnv.h"
+#include "tests/support/ParsedXml.h"
 #include "tests/support/TestSupport.h"
 #include "tools/KEEL/KEELEngine/implementations/collector.h"
 #include "tools/KEEL/KEELEngine/implementations/parser/KEELComponent.h"
@@ -29,20 +30,7 @@
 
 namespace collectortest {
 
-// An XML text parsed into a document that lives as long as this object.
-class ParsedXml {
- public:
-  explicit ParsedXml(const std::string& text) {
-    m_ok = m_loader.Load(text, KEELXmlLoader::kTypeText, m_documents) != nullptr;
-  }
-  bool ok() const { return m_ok; }
-  XMLObject* document() const { return m_documents.empty() ? nullptr : m_documents.front(); }
-
- private:
-  KEELXmlLoader m_loader;
-  XMLObjectList m_documents;
-  bool m_ok = false;
-};
+using keeltest::ParsedXml;
 
 // A host with fixed answers for the head of summary.txt; a relative bundle
 // path is shown below a fixed current folder.
