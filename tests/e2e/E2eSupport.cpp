@@ -75,6 +75,31 @@ void IsolatedTree::CopyShippedConfigs(const std::string& relative) {
   }
 }
 
+void IsolatedTree::Script(const std::string& name, const std::string& body) {
+  const std::string path = m_tree->Sub("bin/" + name);
+  ASSERT_TRUE(WriteFile(path, "#!/bin/sh\n" + body));
+  ASSERT_EQ(chmod(path.c_str(), 0755), 0);
+}
+
+void IsolatedTree::ArgvRecorder(const std::string& name, const std::string& out) {
+  Script(name, "out='" + out +
+                   "'\n"
+                   "printf 'argc=%s\\n' \"$#\" > \"$out\"\n"
+                   "for a in \"$@\"; do printf '[%s]\\n' \"$a\" >> \"$out\"; done\n");
+}
+
+void IsolatedTree::AddConfig(const std::string& name, const std::string& text) {
+  ASSERT_TRUE(WriteFile(m_tree->Sub("install/xml/config/" + name), text));
+}
+
+std::string SummaryRow(const std::string& a, const std::string& b, const std::string& c,
+                       const std::string& d, int lastWidth) {
+  char line[512];
+  snprintf(line, sizeof(line), "%-17.17s  %-28.28s  %-40.40s  %-*.*s\n", a.c_str(), b.c_str(),
+           c.c_str(), lastWidth, lastWidth, d.c_str());
+  return line;
+}
+
 std::string IsolatedTreeBase() {
   const std::string base = BuildDir() + "/e2e-trees";
   mkdir(base.c_str(), 0755);

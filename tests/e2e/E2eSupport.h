@@ -72,9 +72,20 @@ class IsolatedTree : public ::testing::Test {
   void CopyBuilt(const std::string& name, const std::string& relative);
   // Copies the shipped instruction files into the folder `relative`.
   void CopyShippedConfigs(const std::string& relative);
+  // An executable /bin/sh script `name` in the tree's bin folder.
+  void Script(const std::string& name, const std::string& body);
+  // A script that writes the number of its arguments and then each argument
+  // in brackets, one a line, into `out`.
+  void ArgvRecorder(const std::string& name, const std::string& out);
+  // An instruction file in the tree's install/xml/config folder.
+  void AddConfig(const std::string& name, const std::string& text);
 
   std::unique_ptr<TempDir> m_tree;
 };
+
+// A row of summary.txt: four columns padded or cut to their widths.
+std::string SummaryRow(const std::string& a, const std::string& b, const std::string& c,
+                       const std::string& d, int lastWidth);
 
 // The console line of a progress report: "\r", the message padded or cut to
 // 90 columns, a blank and the percentage.

@@ -67,24 +67,20 @@ std::string MaskTime(const std::string& summary) {
                             std::regex_constants::format_first_only);
 }
 
-std::string Row(const std::string& a, const std::string& b, const std::string& c,
-                const std::string& d, int lastWidth) {
-  char line[512];
-  snprintf(line, sizeof(line), "%-17.17s  %-28.28s  %-40.40s  %-*.*s\n", a.c_str(), b.c_str(),
-           c.c_str(), lastWidth, lastWidth, d.c_str());
-  return line;
-}
+using keeltest::SummaryRow;
 
 std::string SectionHead(const std::string& title) {
   return "\n" + std::string(141, '=') + "\n" + title + ":\n\nFiles Included in Bundle:\n" +
-         Row("ID", "Filename", "Description", "File Size", 10) + std::string(101, '-') + "\n";
+         SummaryRow("ID", "Filename", "Description", "File Size", 10) + std::string(101, '-') +
+         "\n";
 }
 
 // The whole summary.txt (time masked) of a run whose one config, "First
 // Config", copied a.log.
 std::string AlphaSummary(const std::string& bundle) {
   return Head(bundle) + SectionHead("First Config") +
-         Row("alpha", "a.log", "alpha files", "10 bytes", 10) + std::string(101, '-') + "\n" +
+         SummaryRow("alpha", "a.log", "alpha files", "10 bytes", 10) + std::string(101, '-') +
+         "\n" +
          "\n\nNo instruction found in any config for the following file ID's from request:\n";
 }
 
@@ -105,10 +101,6 @@ class BundleRun : public keeltest::IsolatedTree {
   }
 
   std::string Src(const std::string& name) const { return m_tree->Sub("src/" + name); }
-
-  void AddConfig(const std::string& name, const std::string& text) {
-    ASSERT_TRUE(WriteFile(m_tree->Sub("install/xml/config/" + name), text));
-  }
 
   IsolatedResult Keel(const std::vector<std::string>& args, const std::string& prepare = "",
                       const std::string& inspect = "") {
@@ -144,8 +136,8 @@ TEST_F(BundleRun, DefaultRunPutsATimeStampedBundleOnTheDesktop) {
   EXPECT_EQ(ZipEntry(bundle, "a.log"), "alpha log\n");
   EXPECT_EQ(MaskTime(ZipEntry(bundle, "summary.txt")),
             Head(bundle) + SectionHead("First Config") +
-                Row("alpha", "a.log", "alpha files", "10 bytes", 10) + std::string(101, '-') +
-                "\n" + kTail);
+                SummaryRow("alpha", "a.log", "alpha files", "10 bytes", 10) +
+                std::string(101, '-') + "\n" + kTail);
   EXPECT_EQ(run.tmpListing, "");  // the working folder is gone
 }
 
@@ -190,8 +182,9 @@ TEST_F(BundleRun, TwLogsTakesTheWholeLegacyGroup) {
                          EndOfBundleRun());
   EXPECT_EQ(SortedZipEntryNames(bundle), (std::vector<std::string>{"c.txt", "summary.txt"}));
   EXPECT_EQ(MaskTime(ZipEntry(bundle, "summary.txt")),
-            Head(bundle) + SectionHead("Legacy") + Row("old", "c.txt", "old logs", "6 bytes", 10) +
-                std::string(101, '-') + "\n" + kTail);
+            Head(bundle) + SectionHead("Legacy") +
+                SummaryRow("old", "c.txt", "old logs", "6 bytes", 10) + std::string(101, '-') +
+                "\n" + kTail);
 
   // Without the option the file is only named in a note.
   const std::string plain = m_tree->Sub("out/plain.zip");
@@ -221,17 +214,17 @@ TEST_F(BundleRun, SeveralConfigsEachAddTheirSection) {
   const std::string summary = MaskTime(ZipEntry(bundle, "summary.txt"));
   // The sections come in the order the configs finish; each stands whole.
   const std::string first = SectionHead("First Config") +
-                            Row("alpha", "a.log", "alpha files", "10 bytes", 10) +
+                            SummaryRow("alpha", "a.log", "alpha files", "10 bytes", 10) +
                             std::string(101, '-') + "\n";
   const std::string second =
-      SectionHead("Second Config") + Row("beta", "b.log", "beta files", "4.88K", 10) +
-      Row("gamma", "c.txt", "gamma files", "6 bytes", 10) + std::string(101, '-') + "\n";
+      SectionHead("Second Config") + SummaryRow("beta", "b.log", "beta files", "4.88K", 10) +
+      SummaryRow("gamma", "c.txt", "gamma files", "6 bytes", 10) + std::string(101, '-') + "\n";
   // A long reason wraps over rows of the last column.
   const std::string third =
       SectionHead("Third Config") + std::string(101, '-') + "\n" +
       "\n\nFiles Omitted from Bundle:\n" +
-      Row("ID", "Filename", "Description", "Reason Omitted", 50) + std::string(141, '-') + "\n" +
-      Row("missing", "N/A", "missing files", "No file found with path matching:", 50);
+      SummaryRow("ID", "Filename", "Description", "Reason Omitted", 50) + std::string(141, '-') +
+      "\n" + SummaryRow("missing", "N/A", "missing files", "No file found with path matching:", 50);
   for (const std::string* section : {&first, &second, &third}) {
     EXPECT_NE(summary.find(*section), std::string::npos) << *section << "\n---\n" << summary;
   }

@@ -71,25 +71,6 @@ class ClearRun : public keeltest::IsolatedTree {
   std::string Bin() const { return m_tree->Sub("bin"); }
   std::string Outside(const std::string& name) const { return m_tree->Sub("outside/" + name); }
 
-  void Script(const std::string& name, const std::string& body) {
-    const std::string path = Bin() + "/" + name;
-    ASSERT_TRUE(WriteFile(path, "#!/bin/sh\n" + body));
-    ASSERT_EQ(chmod(path.c_str(), 0755), 0);
-  }
-
-  // A script that writes the number of its arguments and then each argument
-  // in brackets, one a line, into `out`.
-  void ArgvRecorder(const std::string& name, const std::string& out) {
-    Script(name, "out='" + out +
-                     "'\n"
-                     "printf 'argc=%s\\n' \"$#\" > \"$out\"\n"
-                     "for a in \"$@\"; do printf '[%s]\\n' \"$a\" >> \"$out\"; done\n");
-  }
-
-  void AddConfig(const std::string& name, const std::string& text) {
-    ASSERT_TRUE(WriteFile(m_tree->Sub("install/xml/config/" + name), text));
-  }
-
   // Every file and folder below data/ and outside/, relative, sorted;
   // folders end in "/".
   std::vector<std::string> Listing() const {

@@ -18,10 +18,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-using keeltest::IsolatedResult;
-using keeltest::ReadFile;
-using keeltest::ShellQuote;
-using keeltest::WriteFile;
+using namespace keeltest;  // NOLINT(build/namespaces): the test kit
 
 // One instruction "a" whose body starts on line 5.
 std::string OneInstruction(const std::string& body) {

@@ -44,18 +44,11 @@ std::vector<std::string> SortedEntries(const std::string& archive) {
   return names;
 }
 
-// A row of summary.txt: four columns padded or cut to their widths.
-std::string Row(const std::string& a, const std::string& b, const std::string& c,
-                const std::string& d, int lastWidth) {
-  char line[512];
-  snprintf(line, sizeof(line), "%-17.17s  %-28.28s  %-40.40s  %-*.*s\n", a.c_str(), b.c_str(),
-           c.c_str(), lastWidth, lastWidth, d.c_str());
-  return line;
-}
+using keeltest::SummaryRow;
 
 std::string Included(const std::string& id, const std::string& name, const std::string& description,
                      const std::string& size) {
-  return Row(id, name, description, size, 10);
+  return SummaryRow(id, name, description, size, 10);
 }
 
 // The size column for a file below one kilobyte.
@@ -72,14 +65,16 @@ std::string Megabytes(size_t size) {
 
 std::string SectionHead(const std::string& title) {
   return "\n" + std::string(141, '=') + "\n" + title + ":\n\nFiles Included in Bundle:\n" +
-         Row("ID", "Filename", "Description", "File Size", 10) + std::string(101, '-') + "\n";
+         SummaryRow("ID", "Filename", "Description", "File Size", 10) + std::string(101, '-') +
+         "\n";
 }
 
 const std::string kIncludedEnd = std::string(101, '-') + "\n";
 
 std::string OmittedHead() {
   return "\n\nFiles Omitted from Bundle:\n" +
-         Row("ID", "Filename", "Description", "Reason Omitted", 50) + std::string(141, '-') + "\n";
+         SummaryRow("ID", "Filename", "Description", "Reason Omitted", 50) + std::string(141, '-') +
+         "\n";
 }
 
 const std::string kOmittedEnd = std::string(141, '-') + "\n";
@@ -153,26 +148,6 @@ class ProgramRun : public keeltest::IsolatedTree {
   std::string Bin() const { return m_tree->Sub("bin"); }
   std::string Outside(const std::string& name) const { return m_tree->Sub("outside/" + name); }
   std::string PathElement() const { return "<path>" + Bin() + "</path>"; }
-
-  // An executable /bin/sh script in the program folder.
-  void Script(const std::string& name, const std::string& body) {
-    const std::string path = Bin() + "/" + name;
-    ASSERT_TRUE(WriteFile(path, "#!/bin/sh\n" + body));
-    ASSERT_EQ(chmod(path.c_str(), 0755), 0);
-  }
-
-  // A script that writes the number of its arguments and then each argument
-  // in brackets, one a line, into `out`.
-  void ArgvRecorder(const std::string& name, const std::string& out) {
-    Script(name, "out='" + out +
-                     "'\n"
-                     "printf 'argc=%s\\n' \"$#\" > \"$out\"\n"
-                     "for a in \"$@\"; do printf '[%s]\\n' \"$a\" >> \"$out\"; done\n");
-  }
-
-  void AddConfig(const std::string& name, const std::string& text) {
-    ASSERT_TRUE(WriteFile(m_tree->Sub("install/xml/config/" + name), text));
-  }
 
   // A custom run into out/<name>.zip; returns the bundle's path in `bundle`.
   IsolatedResult Keel(const std::string& name, std::string* bundle,
@@ -371,11 +346,12 @@ TEST_F(ProgramRun, TempOutThatIsNotThereIsOmittedWithTheReason) {
   EXPECT_EQ(
       Sections(bundle),
       SectionHead("Omitted") + kIncludedEnd + OmittedHead() +
-          Row("gone", "gone.txt", "never written", "KEEL cannot access temporary output at:", 50) +
-          Row("", "", "", "/tmp/gone.txt as specified by Config", 50) +
-          Row("pipe", "pipe.out", "a pipe", "KEEL cannot access temporary output at:", 50) +
-          Row("", "", "", "/tmp/pipe.out as specified by Config Error", 50) +
-          Row("", "", "", "returned:Not a directory", 50) + kOmittedEnd + kTail);
+          SummaryRow("gone", "gone.txt", "never written",
+                     "KEEL cannot access temporary output at:", 50) +
+          SummaryRow("", "", "", "/tmp/gone.txt as specified by Config", 50) +
+          SummaryRow("pipe", "pipe.out", "a pipe", "KEEL cannot access temporary output at:", 50) +
+          SummaryRow("", "", "", "/tmp/pipe.out as specified by Config Error", 50) +
+          SummaryRow("", "", "", "returned:Not a directory", 50) + kOmittedEnd + kTail);
   const std::string notFound =
       InvokedWithCode("helperUtil::fileCopy", KEELENGINE_ERROR_FILE_NOT_FOUND) +
       " Description: KEEL cannot access temporary output at: /tmp/gone.txt "
@@ -643,8 +619,9 @@ TEST_F(ProgramRun, ShellFormThatCannotStartLeavesTheBannerAndAnOmittedEntry) {
             SectionHead("Nothing") +
                 Included("c-both", "user_result.txt", "args win", Bytes(user.size())) +
                 kIncludedEnd + OmittedHead() +
-                Row("a-empty", "N/A", "no command", "Failed to execute", 50) +
-                Row("b-admin", "N/A", "admin only", "Failed to execute", 50) + kOmittedEnd + kTail);
+                SummaryRow("a-empty", "N/A", "no command", "Failed to execute", 50) +
+                SummaryRow("b-admin", "N/A", "admin only", "Failed to execute", 50) + kOmittedEnd +
+                kTail);
   for (const char* invoked :
        {"CCommandShell::Execute", "KEELAction::callExtern", "KEELAction::performExternalAction"}) {
     EXPECT_EQ(

@@ -23,10 +23,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-using keeltest::IsolatedResult;
-using keeltest::ReadFile;
-using keeltest::ShellQuote;
-using keeltest::WriteFile;
+using namespace keeltest;  // NOLINT(build/namespaces): the test kit
 
 const char kFinished[] = "KEEL has finished... ";
 const char kNobody[] = "setpriv --reuid 65534 --regid 65534 --clear-groups ";

@@ -416,38 +416,19 @@ TEST_F(CollectorSelection, SuccessfulCollectDropsTheSummaryDocumentAndTheRecords
 // private mount namespace with its own /tmp, so the real one is not touched.
 TEST_F(CollectorSelection, EmptyWorkingFolderBecomesTheFixedOne) {
   XMLObject* config = Parse(Config("", "Fixed"));
-  int fds[2];
-  ASSERT_EQ(0, pipe(fds));
-  const pid_t pid = fork();
-  ASSERT_NE(-1, pid);
-  if (pid == 0) {
-    close(fds[0]);
-    std::string text;
+  const std::string text = keeltest::TextFromChild([&]() -> std::string {
     if (unshare(CLONE_NEWNS) != 0 ||
         mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        mount("tmpfs", "/tmp", "tmpfs", 0, nullptr) != 0) {
-      text = "<no namespace>";
-    } else if (mkdir("/tmp/KEEL_Temp_Bundle", 0777) != 0) {
-      text = "<no folder>";
-    } else {
-      collector job(&noRequest, &unprocessed, "report", false, true, &host);
-      std::string folder;
-      const ResultCode result = job.Collect(folder, config);
-      text = std::to_string(result) + "|" + folder + "|" + job.summaryPath() + "|" +
-             ReadFile("/tmp/KEEL_Temp_Bundle/summary.txt");
-    }
-    const ssize_t written = write(fds[1], text.data(), text.size());
-    (void)written;
-    _exit(0);
-  }
-  close(fds[1]);
-  std::string text;
-  char buffer[4096];
-  ssize_t got;
-  while ((got = read(fds[0], buffer, sizeof(buffer))) > 0)
-    text.append(buffer, got);
-  close(fds[0]);
-  waitpid(pid, nullptr, 0);
+        mount("tmpfs", "/tmp", "tmpfs", 0, nullptr) != 0)
+      return "<no namespace>";
+    if (mkdir("/tmp/KEEL_Temp_Bundle", 0777) != 0)
+      return "<no folder>";
+    collector job(&noRequest, &unprocessed, "report", false, true, &host);
+    std::string folder;
+    const ResultCode result = job.Collect(folder, config);
+    return std::to_string(result) + "|" + folder + "|" + job.summaryPath() + "|" +
+           ReadFile("/tmp/KEEL_Temp_Bundle/summary.txt");
+  });
   if (text == "<no namespace>")
     GTEST_SKIP() << "no private mount namespace";
   EXPECT_EQ("0|/tmp/KEEL_Temp_Bundle|/tmp/KEEL_Temp_Bundle/summary.txt|" + FixedHead() +
