@@ -50,7 +50,7 @@ void RequireIsolation(const std::string& refusal, bool available) {
   }
 }
 
-void IsolatedTree::MakeTree(const std::vector<std::string>& folders) {
+void IsolatedTree::MakeTree(const std::vector<std::string>& folders, const std::string& keelcliAt) {
   ASSERT_NO_FATAL_FAILURE(RequireIsolation());
   if (IsSkipped())
     return;
@@ -58,6 +58,8 @@ void IsolatedTree::MakeTree(const std::vector<std::string>& folders) {
   ASSERT_FALSE(m_tree->path().empty());
   for (const std::string& folder : folders)
     std::filesystem::create_directories(m_tree->Sub(folder));
+  if (!keelcliAt.empty())
+    CopyBuilt("keelcli", keelcliAt);
 }
 
 void IsolatedTree::CopyBuilt(const std::string& name, const std::string& relative) {

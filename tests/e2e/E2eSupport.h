@@ -65,8 +65,9 @@ IsolatedResult RunIsolated(const std::vector<std::string>& argv,
 // and returns when IsSkipped().
 class IsolatedTree : public ::testing::Test {
  protected:
-  // Requires isolation, then makes the tree with `folders` in it.
-  void MakeTree(const std::vector<std::string>& folders);
+  // Requires isolation, then makes the tree with `folders` in it and, when
+  // `keelcliAt` is given, the built keelcli there.
+  void MakeTree(const std::vector<std::string>& folders, const std::string& keelcliAt = "");
   // Copies the built program `name` to `relative` in the tree, runnable by
   // every user.
   void CopyBuilt(const std::string& name, const std::string& relative);

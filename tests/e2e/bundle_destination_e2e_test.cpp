@@ -20,11 +20,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-using keeltest::IsolatedResult;
-using keeltest::ProgressLine;
-using keeltest::ReadFile;
-using keeltest::ShellQuote;
-using keeltest::WriteFile;
+using namespace keeltest;  // NOLINT(build/namespaces): the test kit
 
 // Plays another user of the host.
 const char kAsNobody[] = "setpriv --reuid 65534 --regid 65534 --clear-groups ";

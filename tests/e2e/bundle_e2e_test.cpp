@@ -21,12 +21,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-using keeltest::IsolatedResult;
-using keeltest::ProgressLine;
-using keeltest::ReadFile;
-using keeltest::SortedZipEntryNames;
-using keeltest::WriteFile;
-using keeltest::ZipEntry;
+using namespace keeltest;  // NOLINT(build/namespaces): the test kit
 
 // One instruction group that copies each of `patterns` as its own file ID.
 std::string Config(const std::string& title, const std::vector<std::string>& ids,
@@ -90,11 +85,10 @@ const char kTail[] =
 class BundleRun : public keeltest::IsolatedTree {
  protected:
   void SetUp() override {
-    ASSERT_NO_FATAL_FAILURE(
-        MakeTree({"install/xml/config", "home/Desktop", "work", "out", "scratch"}));
+    ASSERT_NO_FATAL_FAILURE(MakeTree(
+        {"install/xml/config", "home/Desktop", "work", "out", "scratch"}, "install/keelcli"));
     if (IsSkipped())
       return;
-    ASSERT_NO_FATAL_FAILURE(CopyBuilt("keelcli", "install/keelcli"));
     ASSERT_TRUE(WriteFile(Src("a.log"), "alpha log\n"));
     ASSERT_TRUE(WriteFile(Src("b.log"), std::string(5000, 'b')));
     ASSERT_TRUE(WriteFile(Src("c.txt"), "gamma\n"));

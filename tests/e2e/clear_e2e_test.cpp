@@ -19,10 +19,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-using keeltest::IsolatedResult;
-using keeltest::ProgressLine;
-using keeltest::ReadFile;
-using keeltest::WriteFile;
+using namespace keeltest;  // NOLINT(build/namespaces): the test kit
 
 using keeltest::kVersion;
 
@@ -61,10 +58,10 @@ class ClearRun : public keeltest::IsolatedTree {
  protected:
   void SetUp() override {
     ASSERT_NO_FATAL_FAILURE(
-        MakeTree({"install/xml/config", "home/Desktop", "work", "scratch", "bin", "outside"}));
+        MakeTree({"install/xml/config", "home/Desktop", "work", "scratch", "bin", "outside"},
+                 "install/keelcli"));
     if (IsSkipped())
       return;
-    ASSERT_NO_FATAL_FAILURE(CopyBuilt("keelcli", "install/keelcli"));
   }
 
   std::string Data(const std::string& relative) const { return m_tree->Sub("data/" + relative); }

@@ -21,11 +21,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-using keeltest::InvalidLocation;
-using keeltest::kInvalidArguments;
-using keeltest::kMissingDestination;
-using keeltest::kUsage;
-using keeltest::kVersion;
+using namespace keeltest;  // NOLINT(build/namespaces): the test kit
 
 const char kCustom[] = "Bundle option selected: custom\r\n";
 const char kDefault[] = "Bundle option selected: default\r\n";
@@ -38,10 +34,9 @@ bool StartsWith(const std::string& text, const std::string& prefix) {
 class KeelCliRun : public keeltest::IsolatedTree {
  protected:
   void SetUp() override {
-    ASSERT_NO_FATAL_FAILURE(MakeTree({"scratch", "bin", "home", "work"}));
+    ASSERT_NO_FATAL_FAILURE(MakeTree({"scratch", "bin", "home", "work"}, "bin/keelcli"));
     if (IsSkipped())
       return;
-    ASSERT_NO_FATAL_FAILURE(CopyBuilt("keelcli", "bin/keelcli"));
     m_binary = m_tree->Sub("bin/keelcli");
   }
 

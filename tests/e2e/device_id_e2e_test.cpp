@@ -51,10 +51,10 @@ class DeviceIdOption : public keeltest::IsolatedTree {
     m_root = RootDeviceName();
     if (m_root.empty())
       GTEST_SKIP() << "the root file system is on no device path";
-    ASSERT_NO_FATAL_FAILURE(MakeTree({"install/xml/config", "home", "work", "scratch", "logs"}));
+    ASSERT_NO_FATAL_FAILURE(
+        MakeTree({"install/xml/config", "home", "work", "scratch", "logs"}, "install/keelcli"));
     if (IsSkipped())
       return;
-    ASSERT_NO_FATAL_FAILURE(CopyBuilt("keelcli", "install/keelcli"));
   }
 
   // /etc/mtab as the host has it, and a private /dev.

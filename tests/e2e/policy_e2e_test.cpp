@@ -30,9 +30,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-using keeltest::IsolatedResult;
-using keeltest::ReadFile;
-using keeltest::WriteFile;
+using namespace keeltest;  // NOLINT(build/namespaces): the test kit
 
 const char kNotice[] = "Copyright (c) 2026 Velon Networks. All rights reserved.";
 const char kFrenchNotice[] =
@@ -158,11 +156,10 @@ constexpr size_t kTranslationTableField = 16;
 class PolicyEndToEnd : public keeltest::IsolatedTree {
  protected:
   void SetUp() override {
-    ASSERT_NO_FATAL_FAILURE(
-        MakeTree({"bin/xml/config", "home", "work", "out", "scratch", "stage", "po"}));
+    ASSERT_NO_FATAL_FAILURE(MakeTree(
+        {"bin/xml/config", "home", "work", "out", "scratch", "stage", "po"}, "bin/keelcli"));
     if (IsSkipped())
       return;
-    ASSERT_NO_FATAL_FAILURE(CopyBuilt("keelcli", "bin/keelcli"));
   }
 
   // Puts `content` at `relative` below the install folder.

@@ -25,11 +25,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-using keeltest::IsolatedResult;
-using keeltest::ProgressLine;
-using keeltest::ReadFile;
-using keeltest::WriteFile;
-using keeltest::ZipEntry;
+using namespace keeltest;  // NOLINT(build/namespaces): the test kit
 
 const std::string kStars(75, '*');
 

@@ -75,13 +75,12 @@ std::string Squeezed(const std::string& text) {
 class SharedHostRun : public keeltest::IsolatedTree {
  protected:
   void SetUp() override {
-    ASSERT_NO_FATAL_FAILURE(
-        MakeTree({"install/xml/config", "home", "work", "out", "scratch", "src"}));
+    ASSERT_NO_FATAL_FAILURE(MakeTree(
+        {"install/xml/config", "home", "work", "out", "scratch", "src"}, "install/keelcli"));
     if (IsSkipped())
       return;
     // The other user must be able to reach what the tests let them try.
     chmod(m_tree->path().c_str(), 0755);
-    ASSERT_NO_FATAL_FAILURE(CopyBuilt("keelcli", "install/keelcli"));
   }
 
   std::string Src(const std::string& name) const { return m_tree->Sub("src/" + name); }

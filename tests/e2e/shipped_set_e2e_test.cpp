@@ -107,11 +107,10 @@ std::string RandomSecret(const char* label) {
 class ShippedSet : public keeltest::IsolatedTree {
  protected:
   void SetUp() override {
-    ASSERT_NO_FATAL_FAILURE(
-        MakeTree({"install/xml/config", "home/Desktop", "work", "out", "scratch"}));
+    ASSERT_NO_FATAL_FAILURE(MakeTree(
+        {"install/xml/config", "home/Desktop", "work", "out", "scratch"}, "install/keelcli"));
     if (IsSkipped())
       return;
-    ASSERT_NO_FATAL_FAILURE(CopyBuilt("keelcli", "install/keelcli"));
     CopyShippedConfigs("install/xml/config");
   }
 

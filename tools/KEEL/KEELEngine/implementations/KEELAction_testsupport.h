@@ -10,11 +10,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <ostream>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "tests/support/ParsedXml.h"
 #include "tests/support/TestSupport.h"
@@ -85,6 +88,18 @@ inline size_t NoteCount(const XMLObject& summary) {
 }
 
 using keeltest::WriteScript;
+
+// Checks the fields that every record of an action made with MakeSettings
+// carries, for the file at `path`.
+inline void ExpectRecord(const TruncAttrs& record, const std::string& path) {
+  EXPECT_EQ("id-1", record.id);
+  EXPECT_EQ(path, record.path);
+  EXPECT_EQ("Test logs", record.description);
+  EXPECT_EQ(static_cast<double>(std::filesystem::file_size(path)), record.size);
+  EXPECT_EQ(TRUNC_END, record.truncateType);
+  EXPECT_EQ(4096.0, record.limit);
+  EXPECT_EQ(TRUNC_NONE, record.defaultType);
+}
 
 using keeltest::NoChildLeft;
 

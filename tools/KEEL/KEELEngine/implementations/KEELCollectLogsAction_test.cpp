@@ -100,15 +100,8 @@ class CollectCopyTest : public ::testing::Test {
     return "<directory_copy_action><action>" + inner + "</action></directory_copy_action>";
   }
 
-  // Checks the fields that every record of these actions carries.
   static void ExpectRecord(const TruncAttrs& record, const std::string& path) {
-    EXPECT_EQ("id-1", record.id);
-    EXPECT_EQ(path, record.path);
-    EXPECT_EQ("Test logs", record.description);
-    EXPECT_EQ(static_cast<double>(std::filesystem::file_size(path)), record.size);
-    EXPECT_EQ(TRUNC_END, record.truncateType);
-    EXPECT_EQ(4096.0, record.limit);
-    EXPECT_EQ(TRUNC_NONE, record.defaultType);
+    actiontest::ExpectRecord(record, path);
   }
 
   static std::vector<std::string> SortedPaths(const TruncAttrsList& records) {
