@@ -309,11 +309,7 @@ TEST(CCEvent, ListAttachmentRules) {
 }
 
 TEST(CCEvent, FailedPipeLeavesAnUninitialisedEvent) {
-#if defined(__SANITIZE_ADDRESS__)
-  // The sanitizer runtime makes pipes of its own to check memory; with no
-  // descriptor left it reports false errors.
-  GTEST_SKIP() << "not under sanitizers";
-#endif
+  KEEL_SKIP_UNDER_ADDRESS_SANITIZER();
   const int answer = RunInChild([] {
     LogCapture capture;
     // With no descriptor number free below the limit, pipe fails.

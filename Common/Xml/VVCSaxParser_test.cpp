@@ -7,33 +7,16 @@
 #include <string>
 #include <vector>
 
+#include "Common/Xml/xml_testsupport.h"
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
 
-using ::testing::ElementsAre;
+using xmltest::RecordingXmlMgr;
 
-// Writes every event as one line: "start:<name>", "attr:<name>=<value>",
-// "value:[<text>]", "end:<name>".
-class RecordingXmlMgr : public XmlMgr {
- public:
-  void startElement(const std::string& name) override { events.push_back("start:" + name); }
-  void endElement(const std::string& name) override { events.push_back("end:" + name); }
-  void elementValue(const std::string& text) override { events.push_back("value:[" + text + "]"); }
-  void attribute(const std::string& name, const std::string& value) override {
-    events.push_back("attr:" + name + "=" + value);
-  }
-  size_t CountStarts() const {
-    size_t count = 0;
-    for (const auto& event : events) {
-      count += event.compare(0, 6, "start:") == 0 ? 1 : 0;
-    }
-    return count;
-  }
-  std::vector<std::string> events;
-};
+using ::testing::ElementsAre;
 
 // Counts events without keeping their text, for big documents.
 class CountingXmlMgr : public XmlMgr {

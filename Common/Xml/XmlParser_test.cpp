@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "Common/Xml/VVCSaxParser.h"
+#include "Common/Xml/xml_testsupport.h"
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 #include "tests/support/TestSupport.h"
@@ -12,16 +13,7 @@ namespace {
 
 using ::testing::ElementsAre;
 
-class RecordingXmlMgr : public XmlMgr {
- public:
-  void startElement(const std::string& name) override { events.push_back("start:" + name); }
-  void endElement(const std::string& name) override { events.push_back("end:" + name); }
-  void elementValue(const std::string& text) override { events.push_back("value:[" + text + "]"); }
-  void attribute(const std::string& name, const std::string& value) override {
-    events.push_back("attr:" + name + "=" + value);
-  }
-  std::vector<std::string> events;
-};
+using xmltest::RecordingXmlMgr;
 
 }  // namespace
 
