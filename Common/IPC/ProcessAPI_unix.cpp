@@ -156,14 +156,13 @@ ResultCode CProcessApi::Launch(ProcessAttributes& attributes,
   }
   CUnixImpersonate user(plan.switchUser ? attributes.userName : nullptr);
 
-  const pid_t child = fork();
+  const pid_t child = ForkChildProcess();
   if (child < 0) {
     KLOG_RC(LOG_LEVEL_E, "fork", static_cast<ResultCode>(errno));
     return PROCESS_API_ERROR_UNKNOWN;
   }
   if (child == 0)
     RunChild(attributes, plan, user);
-  AdoptChildProcess(child);
 
   if (attributes.detached) {
     // The intermediate child ends at once; its child belongs to nobody.

@@ -31,11 +31,18 @@ void PrepareChildProcess() {
   }
 }
 
-void AdoptChildProcess(pid_t child) {
-  // Fails harmlessly when the child has exec'ed already: it made the group
-  // itself by then.
-  setpgid(child, child);
-  CInterruptGuard::TrackProcess(child);
+pid_t ForkChildProcess() {
+  CInterruptGuard::Hold hold;
+  const pid_t child = fork();
+  const int error = errno;
+  if (child > 0) {
+    // Fails harmlessly when the child has exec'ed already: it made the
+    // group itself by then.
+    setpgid(child, child);
+    CInterruptGuard::TrackProcess(child);
+  }
+  errno = error;
+  return child;
 }
 
 void ReleaseChildProcess(pid_t child) {

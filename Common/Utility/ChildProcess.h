@@ -17,10 +17,12 @@
 // descriptor above standard error closed.
 void PrepareChildProcess();
 
-// In the parent, right after fork: the same process group from this side
-// (whichever runs first, the group exists before exec), and the child
-// registered with the interrupt guard.
-void AdoptChildProcess(pid_t child);
+// fork, and in the parent the child's process group set from this side as
+// well (whichever runs first, the group exists before exec) and the child
+// registered with the interrupt guard. The guard's clean-up waits for both,
+// so a signal in between can't leave the child running unregistered.
+// Returns what fork returned, with its errno.
+pid_t ForkChildProcess();
 
 // In the parent, once the child has been collected.
 void ReleaseChildProcess(pid_t child);

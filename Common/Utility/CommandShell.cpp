@@ -57,7 +57,7 @@ class CPipedCommand {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0)
       return;
-    const pid_t child = fork();
+    const pid_t child = ForkChildProcess();
     if (child < 0) {
       const int error = errno;
       close(ends[0]);
@@ -68,7 +68,6 @@ class CPipedCommand {
     if (child == 0)
       RunShell(command, ends[1]);
     close(ends[1]);
-    AdoptChildProcess(child);
     m_pid = child;
     m_file = fdopen(ends[0], "r");
     if (m_file == nullptr) {

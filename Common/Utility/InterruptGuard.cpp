@@ -25,9 +25,10 @@ constexpr int kWalkDescriptors = 32;
 // The byte that tells the watcher to stop without a signal.
 constexpr unsigned char kStopWatching = 0;
 
-// Everything the guard knows; one instance, behind its mutex.
+// Everything the guard knows; one instance, behind its lock. The lock is
+// recursive so that a thread inside a Hold can still register.
 struct GuardState {
-  std::mutex lock;
+  std::recursive_mutex lock;
   std::set<std::string> folders;
   std::set<std::string> files;
   std::set<pid_t> processes;
@@ -88,13 +89,13 @@ void Watch() {
 
 template <typename T>
 void Insert(std::set<T>& set, const T& value) {
-  std::lock_guard<std::mutex> lock(State().lock);
+  std::lock_guard<std::recursive_mutex> lock(State().lock);
   set.insert(value);
 }
 
 template <typename T>
 void Erase(std::set<T>& set, const T& value) {
-  std::lock_guard<std::mutex> lock(State().lock);
+  std::lock_guard<std::recursive_mutex> lock(State().lock);
   set.erase(value);
 }
 
@@ -102,7 +103,7 @@ void Erase(std::set<T>& set, const T& value) {
 
 bool CInterruptGuard::Install() {
   GuardState& state = State();
-  std::lock_guard<std::mutex> lock(state.lock);
+  std::lock_guard<std::recursive_mutex> lock(state.lock);
   if (state.installed)
     return true;
   int ends[2];
@@ -126,7 +127,7 @@ bool CInterruptGuard::Install() {
 
 void CInterruptGuard::Uninstall() {
   GuardState& state = State();
-  std::unique_lock<std::mutex> lock(state.lock);
+  std::unique_lock<std::recursive_mutex> lock(state.lock);
   if (!state.installed)
     return;
   for (size_t i = 0; i < kSignalCount; ++i)
@@ -170,9 +171,17 @@ void CInterruptGuard::ForgetProcess(pid_t pid) {
   Erase(State().processes, pid);
 }
 
+CInterruptGuard::Hold::Hold() {
+  State().lock.lock();
+}
+
+CInterruptGuard::Hold::~Hold() {
+  State().lock.unlock();
+}
+
 int CInterruptGuard::CleanUp(int signalNumber) {
   GuardState& state = State();
-  std::lock_guard<std::mutex> lock(state.lock);
+  std::lock_guard<std::recursive_mutex> lock(state.lock);
   KLOG_W("Interrupted by signal %d: removing what the run made", signalNumber);
   // Programs first, so that none of them writes into what is removed next.
   for (pid_t pid : state.processes) {

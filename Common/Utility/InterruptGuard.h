@@ -43,6 +43,18 @@ class CInterruptGuard {
   static void TrackProcess(pid_t pid);
   static void ForgetProcess(pid_t pid);
 
+  // Holds back the clean-up while the calling thread makes something and
+  // registers it: a signal between the two would otherwise leave it behind
+  // unregistered. The watcher waits for the hold to end and then finds it
+  // registered. Holds nest; keep them to the making and the registering.
+  class Hold {
+   public:
+    Hold();
+    ~Hold();
+    Hold(const Hold&) = delete;
+    Hold& operator=(const Hold&) = delete;
+  };
+
   // Does on the calling thread what the watcher does for `signalNumber`,
   // short of exiting: kills, removes, unlinks. Returns the exit status the
   // process is to end with (128 plus the number).

@@ -100,6 +100,30 @@ TEST(InterruptGuardConcurrency, SignalEndsTheProcessWith128PlusItsNumber) {
   }
 }
 
+// A signal that comes while a file is made but not yet registered must not
+// leave it behind: the clean-up waits for the hold and then finds it.
+TEST(InterruptGuardConcurrency, SignalDuringAHoldWaitsForWhatItRegisters) {
+  TempDir dir(keeltest::BuildDir());
+  const std::string file = dir.Sub("bundle.zip.unfinished");
+  const int answer = keeltest::RunInChild([&] {
+    if (!CInterruptGuard::Install())
+      return 1;
+    {
+      CInterruptGuard::Hold hold;
+      if (!WriteFile(file, "half an archive"))
+        return 1;
+      kill(getpid(), SIGTERM);
+      usleep(200000);  // the watcher has the signal by now and must wait
+      CInterruptGuard::TrackFile(file);
+    }
+    for (int i = 0; i < 500; ++i)
+      usleep(10000);
+    return 2;
+  });
+  EXPECT_EQ(128 + SIGTERM, answer);
+  EXPECT_FALSE(PathExists(file));
+}
+
 TEST(InterruptGuardConcurrency, UninstallGivesTheDispositionsBack) {
   const int answer = keeltest::RunInChild([] {
     signal(SIGHUP, SIG_IGN);

@@ -67,9 +67,15 @@ ResultCode CArchiveFile::create(const std::string& path) {
   // them, is never opened, only passed over for another.
   std::string pattern =
       (m_folder == "/" ? "" : m_folder) + "/." + m_name.substr(0, kNameInTemporary) + ".XXXXXX";
-  m_fd.reset(mkostemp(&pattern[0], O_CLOEXEC));
+  int error = 0;
+  {
+    CInterruptGuard::Hold hold;
+    m_fd.reset(mkostemp(&pattern[0], O_CLOEXEC));
+    error = errno;
+    if (m_fd.valid())
+      CInterruptGuard::TrackFile(pattern);
+  }
   if (!m_fd.valid()) {
-    const int error = errno;
     KLOG_E("Could not create a new archive file in \"%s\": %s", m_folder.c_str(),
            errnoText(error).c_str());
     closeDescriptors();
@@ -77,7 +83,6 @@ ResultCode CArchiveFile::create(const std::string& path) {
   }
   m_temporaryPath = pattern;
   m_temporaryName = pattern.substr(pattern.rfind('/') + 1);
-  CInterruptGuard::TrackFile(m_temporaryPath);
 
   // The file must lie in the folder the descriptor holds, or the rename
   // would not find it.

@@ -92,14 +92,20 @@ ResultCode KEELWorkingFolder::make(bool tryPlainName) {
 KEELWorkingFolder::Attempt KEELWorkingFolder::makeUnder(const std::string& candidate) {
   // A name that exists, as whatever and whoever's, is never adopted: only a
   // folder this call made is known to be private and unwatched.
-  if (mkdir(candidate.c_str(), 0700) != 0) {
-    const int error = errno;
-    if (error == EEXIST)
-      return Attempt::kTaken;
+  int error = 0;
+  {
+    CInterruptGuard::Hold hold;
+    if (mkdir(candidate.c_str(), 0700) == 0)
+      CInterruptGuard::TrackFolder(candidate);
+    else
+      error = errno;
+  }
+  if (error == EEXIST)
+    return Attempt::kTaken;
+  if (error != 0) {
     KLOG_RC(LOG_LEVEL_E, "mkdir", static_cast<ResultCode>(error));
     return Attempt::kFailed;
   }
-  CInterruptGuard::TrackFolder(candidate);
   const int fd = OpenAndLock(candidate);
   // Another run clearing the plain name may have locked or removed it in
   // the instant since it was made; then it is theirs to deal with.
