@@ -746,9 +746,7 @@ TEST(ProcessApiPriority, SetGivesTheOldPriorityBack) {
 TEST(ProcessApiPriority, RefusedChangeIsLoggedAsWarning) {
   if (getuid() != 0)
     GTEST_SKIP() << "needs root to drop privileges";
-  const int answer = RunInChild([] {
-    if (setuid(65534) != 0)
-      return 10;
+  const int answer = keeltest::RunAsNobody([] {
     LogCapture capture;
     CProcessApi api;
     int32_t priority = -10;  // raising priority needs privileges

@@ -140,21 +140,14 @@ TEST(TargetPath, UnreadableLinkLogsReadlinkError) {
     GTEST_SKIP() << "needs root to change to an unprivileged user";
   const std::string link = "/proc/" + std::to_string(getpid()) + "/cwd";
   keeltest::LogCapture capture;
-  const pid_t child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    if (setgid(65534) != 0 || setuid(65534) != 0)
-      _exit(2);
+  const int answer = keeltest::RunAsNobody([&] {
     const std::string target = getTargetPath(link);
     const bool logged = LoggedError(capture, "::readlink error Permission denied");
-    _exit(target.empty() && logged ? 0 : 1);
-  }
-  int status = 0;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  ASSERT_TRUE(WIFEXITED(status));
-  if (WEXITSTATUS(status) == 2)
+    return target.empty() && logged ? 0 : 1;
+  });
+  if (answer == keeltest::kCannotBecomeNobody)
     GTEST_SKIP() << "cannot change to an unprivileged user here";
-  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_EQ(answer, 0);
 }
 
 // getDeviceNameForRoot

@@ -50,6 +50,10 @@ void RequireIsolation(const std::string& refusal, bool available) {
   }
 }
 
+void IsolatedTree::MakeInstalledTree() {
+  MakeTree({"install/xml/config", "home/Desktop", "work", "out", "scratch"}, "install/keelcli");
+}
+
 void IsolatedTree::MakeTree(const std::vector<std::string>& folders, const std::string& keelcliAt) {
   ASSERT_NO_FATAL_FAILURE(RequireIsolation());
   if (IsSkipped())

@@ -68,6 +68,10 @@ class IsolatedTree : public ::testing::Test {
   // Requires isolation, then makes the tree with `folders` in it and, when
   // `keelcliAt` is given, the built keelcli there.
   void MakeTree(const std::vector<std::string>& folders, const std::string& keelcliAt = "");
+  // The tree of a tool installed at install/keelcli beside its instruction
+  // folder, with a home holding a Desktop, a working folder, an output
+  // folder and a scratch folder.
+  void MakeInstalledTree();
   // Copies the built program `name` to `relative` in the tree, runnable by
   // every user.
   void CopyBuilt(const std::string& name, const std::string& relative);

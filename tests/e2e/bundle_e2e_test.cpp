@@ -85,8 +85,7 @@ const char kTail[] =
 class BundleRun : public keeltest::IsolatedTree {
  protected:
   void SetUp() override {
-    ASSERT_NO_FATAL_FAILURE(MakeTree(
-        {"install/xml/config", "home/Desktop", "work", "out", "scratch"}, "install/keelcli"));
+    ASSERT_NO_FATAL_FAILURE(MakeInstalledTree());
     if (IsSkipped())
       return;
     ASSERT_TRUE(WriteFile(Src("a.log"), "alpha log\n"));

@@ -107,8 +107,7 @@ std::string RandomSecret(const char* label) {
 class ShippedSet : public keeltest::IsolatedTree {
  protected:
   void SetUp() override {
-    ASSERT_NO_FATAL_FAILURE(MakeTree(
-        {"install/xml/config", "home/Desktop", "work", "out", "scratch"}, "install/keelcli"));
+    ASSERT_NO_FATAL_FAILURE(MakeInstalledTree());
     if (IsSkipped())
       return;
     CopyShippedConfigs("install/xml/config");

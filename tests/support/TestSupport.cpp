@@ -259,6 +259,23 @@ std::string TextFromChild(const std::function<std::string()>& body) {
   return text;
 }
 
+namespace {
+
+bool BecomeNobody() {
+  return setgid(kNobody) == 0 && setuid(kNobody) == 0 && getuid() == kNobody &&
+         geteuid() == kNobody;
+}
+
+}  // namespace
+
+int RunAsNobody(const std::function<int()>& body) {
+  return RunInChild([&] { return BecomeNobody() ? body() : kCannotBecomeNobody; });
+}
+
+std::string TextAsNobody(const std::function<std::string()>& body) {
+  return TextFromChild([&]() -> std::string { return BecomeNobody() ? body() : "<no setuid>"; });
+}
+
 std::string SourceDir() {
   return KEEL_SOURCE_DIR;
 }

@@ -3,7 +3,9 @@
 #ifndef TESTS_SUPPORT_TESTSUPPORT_H_
 #define TESTS_SUPPORT_TESTSUPPORT_H_
 
+#include <sys/types.h>
 #include <cstdint>
+
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -136,6 +138,15 @@ int RunInChild(const std::function<int()>& body);
 // through a pipe); "<no pipe>" when no pipe can be made. For tests whose
 // child changes its identity or limits.
 std::string TextFromChild(const std::function<std::string()>& body);
+
+// The unprivileged user the tests switch to (uid and gid 65534).
+constexpr uid_t kNobody = 65534;
+// What RunAsNobody answers when the child cannot become that user.
+constexpr int kCannotBecomeNobody = 77;
+// RunInChild and TextFromChild as kNobody: gid and uid both changed
+// first. "<no setuid>" from TextAsNobody when that fails.
+int RunAsNobody(const std::function<int()>& body);
+std::string TextAsNobody(const std::function<std::string()>& body);
 
 // The folder holding the test binaries (the build folder's top).
 std::string BuildDir();

@@ -482,19 +482,12 @@ TEST_F(BundleFolderExists, FolderThatCannotBeSearchedIsRejected) {
   ASSERT_EQ(mkdir(m_temp.Sub("open").c_str(), 0755), 0);
   ASSERT_EQ(mkdir(m_temp.Sub("locked").c_str(), 0700), 0);
   ASSERT_EQ(mkdir(m_temp.Sub("locked/inner").c_str(), 0755), 0);
-  const pid_t child = fork();
-  ASSERT_NE(child, -1);
-  if (child == 0) {
-    if (setgid(65534) != 0 || setuid(65534) != 0)
-      _exit(3);
+  const int answer = keeltest::RunAsNobody([&] {
     const bool open = bundleFolderExists(m_temp.Sub("open/x.zip"));
     const bool locked = bundleFolderExists(m_temp.Sub("locked/inner/x.zip"));
-    _exit(open && !locked ? 0 : 1);
-  }
-  int status = 0;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0);
+    return open && !locked ? 0 : 1;
+  });
+  EXPECT_EQ(answer, 0);
 }
 
 class AnnounceRun : public CliTest {

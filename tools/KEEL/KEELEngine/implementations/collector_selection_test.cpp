@@ -57,42 +57,37 @@ std::string ClearInstruction(const std::string& id, const std::string& loc,
          "</loc><clear_log apply=\"true\"/></action></file_copy_action></os></keel></file>";
 }
 
-// Runs `body` in a child process as the user "nobody" and returns its
-// text, or "<no setuid>" when the identity can't be changed.
-std::string AsNobody(const std::function<std::string()>& body) {
-  return keeltest::TextFromChild([&]() -> std::string {
-    if (setgid(65534) == 0 && setuid(65534) == 0 && getuid() == 65534 && geteuid() == 65534)
-      return body();
-    return "<no setuid>";
-  });
-}
-
-class CollectorSelection : public CollectorFixture {};
+class CollectorSelection : public CollectorFixture {
+ protected:
+  // Collects one instruction whose two os parts, with the given opsys
+  // values, copy first.log and second.log; returns which of the two were
+  // copied. The instruction is in the bundle either way.
+  std::vector<std::string> CopiedOfTwoOsParts(const std::string& firstOpsys,
+                                              const std::string& secondOpsys) {
+    Source("first.log", "1\n");
+    Source("second.log", "2\n");
+    XMLObject* config = Parse(Config(Group(OsInstruction(
+        "two-parts", CopyOs(" opsys=\"" + firstOpsys + "\"", "src/first.log") +
+                         CopyOs(" opsys=\"" + secondOpsys + "\"", "src/second.log")))));
+    EXPECT_EQ(0u, Collect(config));
+    EXPECT_EQ(std::vector<std::string>{"two-parts"}, IncludedIds(Summary()));
+    std::vector<std::string> copied;
+    for (const char* name : {"first.log", "second.log"}) {
+      if (InWork(name))
+        copied.push_back(name);
+    }
+    return copied;
+  }
+};
 
 // ---- Operating-system part ---------------------------------------------------
 
 TEST_F(CollectorSelection, MacThenLinuxTakesTheLinuxPart) {
-  Source("mac.log", "mac\n");
-  Source("linux.log", "linux\n");
-  XMLObject* config = Parse(
-      Config(Group(OsInstruction("os-pick", CopyOs(" opsys=\"mac\"", "src/mac.log") +
-                                                CopyOs(" opsys=\"linux\"", "src/linux.log")))));
-  ASSERT_EQ(0u, Collect(config));
-  EXPECT_TRUE(InWork("linux.log"));
-  EXPECT_FALSE(InWork("mac.log"));
-  EXPECT_EQ(std::vector<std::string>{"os-pick"}, IncludedIds(Summary()));
+  EXPECT_EQ(CopiedOfTwoOsParts("mac", "linux"), std::vector<std::string>{"second.log"});
 }
 
 TEST_F(CollectorSelection, OfTwoLinuxPartsOnlyTheFirstIsUsed) {
-  Source("first.log", "1\n");
-  Source("second.log", "2\n");
-  XMLObject* config = Parse(
-      Config(Group(OsInstruction("twice", CopyOs(" opsys=\"linux\"", "src/first.log") +
-                                              CopyOs(" opsys=\"linux\"", "src/second.log")))));
-  ASSERT_EQ(0u, Collect(config));
-  EXPECT_TRUE(InWork("first.log"));
-  EXPECT_FALSE(InWork("second.log"));
-  EXPECT_EQ(std::vector<std::string>{"twice"}, IncludedIds(Summary()));
+  EXPECT_EQ(CopiedOfTwoOsParts("linux", "linux"), std::vector<std::string>{"first.log"});
 }
 
 TEST_F(CollectorSelection, OpsysIsComparedExactlySoCapitalLinuxNeverMatches) {
@@ -478,7 +473,7 @@ TEST_F(CollectorSelection, GetDirectoryKeepsTheParentOnlyWhenEveryLevelIsRefused
   KEELComponent* sub = config->GetRoot()->GetChildren().front().get();
   KEELComponent* top = config->GetRoot()->GetChildren().back().get();
   const std::string readOnly = dir.Sub("ro");
-  const std::string text = AsNobody([&] {
+  const std::string text = keeltest::TextAsNobody([&] {
     collector job(&noRequest, &unprocessed, "report", false, true);
     // "/tmp" is there, so the walk counts as done although "Sub" is refused.
     const std::string walked = job.getDirectory(sub, readOnly);

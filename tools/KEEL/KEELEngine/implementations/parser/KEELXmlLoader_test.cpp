@@ -461,12 +461,7 @@ TEST(KEELMgr, UnreadableFileIsListedAsFailed) {
   ASSERT_TRUE(keeltest::WriteFile(dir.Sub("open.xml"), "<b/>"));
   ASSERT_EQ(chmod(dir.path().c_str(), 0755), 0);
   ASSERT_EQ(chmod(dir.Sub("locked.xml").c_str(), 0), 0);
-  const pid_t child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    if (setgid(65534) != 0 || setuid(65534) != 0) {
-      _exit(77);
-    }
+  const int answer = keeltest::RunAsNobody([&] {
     XMLObjectList list;
     int status = 0;
     {
@@ -478,13 +473,9 @@ TEST(KEELMgr, UnreadableFileIsListedAsFailed) {
     for (XMLObject* document : list) {
       delete document;
     }
-    _exit(status);
-  }
-  int status = 0;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  ASSERT_TRUE(WIFEXITED(status));
-  if (WEXITSTATUS(status) == 77) {
+    return status;
+  });
+  if (answer == keeltest::kCannotBecomeNobody)
     GTEST_SKIP() << "cannot drop privileges here";
-  }
-  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_EQ(answer, 0);
 }
