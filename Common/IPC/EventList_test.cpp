@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <initializer_list>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -12,11 +13,10 @@
 #include <gtest/gtest.h>
 
 #include "Common/IPC/event.h"
+#include "Common/IPC/event_testsupport.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
-
-using keeltest::LogCapture;
 
 struct Counter {
   int calls = 0;
@@ -32,64 +32,71 @@ ResultCode Count(void* context, intptr_t /*value*/) {
 // An event of `type` whose callback counts into `counter`.
 std::unique_ptr<CCEvent> MakeEvent(Counter* counter, int32_t type, int32_t extraFd = 0,
                                    int32_t extraMode = 0) {
-  ResultCode created = 1;
-  std::unique_ptr<CCEvent> event(
-      new CCEvent(&created, &Count, counter, 0, type, nullptr, extraFd, extraMode));
-  EXPECT_EQ(created, 0u);
-  return event;
+  return ipctest::NewEvent(&Count, counter, 0, type, nullptr, extraFd, extraMode);
 }
 
-uint32_t MillisSince(std::chrono::steady_clock::time_point start) {
-  return static_cast<uint32_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                   std::chrono::steady_clock::now() - start)
-                                   .count());
+// Adds `events` to `list` in order; false, with the refusal reported, when
+// one cannot join.
+bool JoinAll(CEventList* list, std::initializer_list<CCEvent*> events) {
+  for (CCEvent* event : events) {
+    const ResultCode added = list->AddEvent(event);
+    if (added != 0) {
+      ADD_FAILURE() << "AddEvent refused an event: " << added;
+      return false;
+    }
+  }
+  return true;
 }
 
-TEST(CEventList, PriorityEventsGoToTheFrontInOrder) {
-  Counter counter;
+// A list and the events it was given, each made with one counting callback
+// and added in the order made. The events go before the list.
+class EventListOrder : public ::testing::Test {
+ protected:
+  // An event of `type` on `list`; the test fails when it is refused.
+  CCEvent* Joined(int32_t type) {
+    owned_.push_back(MakeEvent(&counter_, type));
+    EXPECT_EQ(list.AddEvent(owned_.back().get()), 0u);
+    return owned_.back().get();
+  }
+  std::vector<CCEvent*> Events(std::initializer_list<CCEvent*> events) { return events; }
+
   CEventList list;
-  auto armed1 = MakeEvent(&counter, EVENT_TYPE_ARMED);
-  auto priority1 = MakeEvent(&counter, EVENT_TYPE_PRIORITY);
-  auto armed2 = MakeEvent(&counter, EVENT_TYPE_ARMED);
-  auto priority2 = MakeEvent(&counter, EVENT_TYPE_PRIORITY);
-  ASSERT_EQ(list.AddEvent(armed1.get()), 0u);
-  ASSERT_EQ(list.AddEvent(priority1.get()), 0u);
-  ASSERT_EQ(list.AddEvent(armed2.get()), 0u);
-  ASSERT_EQ(list.AddEvent(priority2.get()), 0u);
+
+ private:
+  Counter counter_;
+  std::vector<std::unique_ptr<CCEvent>> owned_;
+};
+
+TEST_F(EventListOrder, PriorityEventsGoToTheFrontInOrder) {
+  CCEvent* armed1 = Joined(EVENT_TYPE_ARMED);
+  CCEvent* priority1 = Joined(EVENT_TYPE_PRIORITY);
+  CCEvent* armed2 = Joined(EVENT_TYPE_ARMED);
+  CCEvent* priority2 = Joined(EVENT_TYPE_PRIORITY);
   EXPECT_EQ(list.GetPriorityCount(), 2u);
-  EXPECT_EQ(list.GetEvents(),
-            (std::vector<CCEvent*>{priority1.get(), priority2.get(), armed1.get(), armed2.get()}));
+  EXPECT_EQ(list.GetEvents(), Events({priority1, priority2, armed1, armed2}));
   EXPECT_EQ(armed1->GetEventList(), &list);
 }
 
-TEST(CEventList, RemovingTheOnlyPriorityEventLeavesTheCountAtZero) {
-  Counter counter;
-  CEventList list;
-  auto priority = MakeEvent(&counter, EVENT_TYPE_PRIORITY);
-  auto armed = MakeEvent(&counter, EVENT_TYPE_ARMED);
-  ASSERT_EQ(list.AddEvent(priority.get()), 0u);
-  ASSERT_EQ(list.AddEvent(armed.get()), 0u);
+TEST_F(EventListOrder, RemovingTheOnlyPriorityEventLeavesTheCountAtZero) {
+  CCEvent* priority = Joined(EVENT_TYPE_PRIORITY);
+  CCEvent* armed = Joined(EVENT_TYPE_ARMED);
   ASSERT_EQ(list.GetPriorityCount(), 1u);
-  EXPECT_EQ(list.RemoveEvent(priority.get()), 0u);
-  EXPECT_EQ(list.GetPriorityCount(), 0u);
-  EXPECT_EQ(list.GetEvents(), (std::vector<CCEvent*>{armed.get()}));
+  EXPECT_EQ(list.RemoveEvent(priority), 0u);
   EXPECT_EQ(priority->GetEventList(), nullptr);
+  EXPECT_EQ(list.GetPriorityCount(), 0u);
+  EXPECT_EQ(list.GetEvents(), Events({armed}));
 }
 
-TEST(CEventList, RemovingAnOrdinaryEventKeepsOrderAndCount) {
-  Counter counter;
-  CEventList list;
-  auto priority = MakeEvent(&counter, EVENT_TYPE_PRIORITY);
-  auto a = MakeEvent(&counter, EVENT_TYPE_ARMED);
-  auto b = MakeEvent(&counter, EVENT_TYPE_ARMED);
-  auto c = MakeEvent(&counter, EVENT_TYPE_ARMED);
-  for (CCEvent* event : {priority.get(), a.get(), b.get(), c.get()})
-    ASSERT_EQ(list.AddEvent(event), 0u);
-  EXPECT_EQ(list.RemoveEvent(b.get()), 0u);
+TEST_F(EventListOrder, RemovingAnOrdinaryEventKeepsOrderAndCount) {
+  CCEvent* priority = Joined(EVENT_TYPE_PRIORITY);
+  CCEvent* a = Joined(EVENT_TYPE_ARMED);
+  CCEvent* b = Joined(EVENT_TYPE_ARMED);
+  CCEvent* c = Joined(EVENT_TYPE_ARMED);
+  EXPECT_EQ(list.RemoveEvent(b), 0u);
   EXPECT_EQ(list.GetPriorityCount(), 1u);
-  EXPECT_EQ(list.GetEvents(), (std::vector<CCEvent*>{priority.get(), a.get(), c.get()}));
+  EXPECT_EQ(list.GetEvents(), Events({priority, a, c}));
   // Once detached it may join again.
-  EXPECT_EQ(list.AddEvent(b.get()), 0u);
+  EXPECT_EQ(list.AddEvent(b), 0u);
 }
 
 TEST(CEventList, BadArgumentsAreRefused) {
@@ -102,14 +109,12 @@ TEST(CEventList, BadArgumentsAreRefused) {
 }
 
 TEST(CEventList, EventsThatCannotJoinAreLoggedAndRefused) {
-  LogCapture capture;
+  keeltest::LogCapture capture;
   Counter counter;
   CEventList list;
   CEventList other;
-  ResultCode created = 1;
-  CCEvent noCallback(&created);
-  ASSERT_EQ(created, 0u);
-  EXPECT_EQ(list.AddEvent(&noCallback), EVENT_ERROR_NO_CALLBACK);
+  const auto noCallback = ipctest::NewEvent();
+  EXPECT_EQ(list.AddEvent(noCallback.get()), EVENT_ERROR_NO_CALLBACK);
   auto plain = MakeEvent(&counter, EVENT_TYPE_PLAIN);
   EXPECT_EQ(list.AddEvent(plain.get()), EVENT_ERROR_EVENT_TYPE_INVALID_FOR_LISTS);
   auto armed = MakeEvent(&counter, EVENT_TYPE_ARMED);
@@ -150,7 +155,7 @@ TEST(CEventList, HoldsAtMost1024Events) {
 }
 
 TEST(CEventList, InfiniteWaitOnAnEmptyListIsRefused) {
-  LogCapture capture;
+  keeltest::LogCapture capture;
   CEventList list;
   EXPECT_EQ(list.WaitOnEvents(EVENT_WAIT_INFINITE), EVENTLIST_ERROR_BAD_PARAMETER);
   const auto records = capture.logger().Records();
@@ -165,7 +170,7 @@ TEST(CEventList, WaitOnAnEmptyListSleeps) {
   CEventList list;
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(list.WaitOnEvents(60), 0u);
-  EXPECT_GE(MillisSince(start), 55u);
+  EXPECT_GE(keeltest::MillisSince(start), 55u);
 }
 
 TEST(CEventList, PriorityEventsAreAlwaysWatched) {
@@ -206,8 +211,7 @@ TEST(CEventList, EveryFiredEventIsServedInOneWait) {
   auto a = MakeEvent(&first, EVENT_TYPE_PRIORITY);
   auto b = MakeEvent(&second, EVENT_TYPE_ARMED);
   auto c = MakeEvent(&quiet, EVENT_TYPE_PRIORITY);
-  for (CCEvent* event : {a.get(), b.get(), c.get()})
-    ASSERT_EQ(list.AddEvent(event), 0u);
+  ASSERT_TRUE(JoinAll(&list, {a.get(), b.get(), c.get()}));
   b->Arm();
   ASSERT_EQ(a->SetEvent(), 0u);
   ASSERT_EQ(b->SetEvent(), 0u);
@@ -225,8 +229,7 @@ TEST(CEventList, EventsSharingAnExtraDescriptorAreServedOnce) {
   CEventList list;
   auto a = MakeEvent(&first, EVENT_TYPE_PRIORITY, fds[0], EVENT_EXTRA_FD_READ);
   auto b = MakeEvent(&second, EVENT_TYPE_PRIORITY, fds[0], EVENT_EXTRA_FD_READ);
-  ASSERT_EQ(list.AddEvent(a.get()), 0u);
-  ASSERT_EQ(list.AddEvent(b.get()), 0u);
+  ASSERT_TRUE(JoinAll(&list, {a.get(), b.get()}));
   ASSERT_EQ(write(fds[1], "x", 1), 1);
   EXPECT_EQ(list.WaitOnEvents(100), 0u);
   EXPECT_EQ(first.calls, 1);
@@ -236,15 +239,14 @@ TEST(CEventList, EventsSharingAnExtraDescriptorAreServedOnce) {
 }
 
 TEST(CEventList, FirstFailingCallbackEndsTheWalk) {
-  LogCapture capture;
+  keeltest::LogCapture capture;
   Counter failing;
   failing.answer = EVENT_ERROR_UNKNOWN;
   Counter later;
   CEventList list;
   auto a = MakeEvent(&failing, EVENT_TYPE_PRIORITY);
   auto b = MakeEvent(&later, EVENT_TYPE_PRIORITY);
-  ASSERT_EQ(list.AddEvent(a.get()), 0u);
-  ASSERT_EQ(list.AddEvent(b.get()), 0u);
+  ASSERT_TRUE(JoinAll(&list, {a.get(), b.get()}));
   ASSERT_EQ(a->SetEvent(), 0u);
   ASSERT_EQ(b->SetEvent(), 0u);
   EXPECT_EQ(list.WaitOnEvents(100), EVENT_ERROR_UNKNOWN);
@@ -294,14 +296,13 @@ TEST(CEventList, EventWithoutPipeIsABadPipe) {
 }
 
 TEST(CEventList, DestroyingAListThatHoldsEventsLogsAndDetachesThem) {
-  LogCapture capture;
+  keeltest::LogCapture capture;
   Counter counter;
   auto a = MakeEvent(&counter, EVENT_TYPE_PRIORITY);
   auto b = MakeEvent(&counter, EVENT_TYPE_ARMED);
   {
     CEventList list;
-    ASSERT_EQ(list.AddEvent(a.get()), 0u);
-    ASSERT_EQ(list.AddEvent(b.get()), 0u);
+    ASSERT_TRUE(JoinAll(&list, {a.get(), b.get()}));
   }
   EXPECT_EQ(capture.Count("\nDeletion of event list containing '2' events"), 1u);
   EXPECT_EQ(a->GetEventList(), nullptr);
@@ -309,7 +310,7 @@ TEST(CEventList, DestroyingAListThatHoldsEventsLogsAndDetachesThem) {
 }
 
 TEST(CEventList, EmptyListIsDestroyedQuietly) {
-  LogCapture capture;
+  keeltest::LogCapture capture;
   { CEventList list; }
   EXPECT_TRUE(capture.logger().Records().empty());
 }
@@ -326,7 +327,7 @@ TEST(CEventListConcurrency, EventSetFromAnotherThreadEndsTheWait) {
   });
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(list.WaitOnEvents(10000), 0u);
-  EXPECT_LT(MillisSince(start), 5000u);
+  EXPECT_LT(keeltest::MillisSince(start), 5000u);
   setter.join();
   EXPECT_EQ(counter.calls, 1);
 }

@@ -19,6 +19,7 @@
 #include <gtest/gtest.h>
 
 #include "Common/IPC/event.h"
+#include "Common/IPC/event_testsupport.h"
 #include "Common/Utility/sysutils.h"
 #include "tests/support/FakeDiskHost.h"
 #include "tests/support/TestSupport.h"
@@ -27,7 +28,9 @@ namespace {
 
 using keeltest::ProcAt;
 
+using ipctest::NewEvent;
 using keeltest::LogCapture;
+using keeltest::MillisSince;
 using keeltest::TempDir;
 
 using keeltest::NoChildLeft;
@@ -60,12 +63,6 @@ bool WaitForFile(const std::string& path) {
     usleep(10000);
   }
   return false;
-}
-
-uint32_t MillisSince(std::chrono::steady_clock::time_point start) {
-  return static_cast<uint32_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                   std::chrono::steady_clock::now() - start)
-                                   .count());
 }
 
 // ---------------------------------------------------------------- Launch
@@ -553,15 +550,13 @@ TEST(ProcessApiWait, ExitCodeMayBeNull) {
 }
 
 TEST(ProcessApiWait, StopEventThatFiredInterruptsTheWait) {
-  ResultCode created = 1;
-  CCEvent stop(&created);
-  ASSERT_EQ(created, 0u);
-  ASSERT_EQ(stop.SetEvent(), 0u);
+  const auto stop = NewEvent();
+  ASSERT_EQ(stop->SetEvent(), 0u);
   CProcessApi api;
   ProcessAttributes attributes;
   ASSERT_EQ(api.Launch(attributes, "/bin/sh", "-c", "exec sleep 30", nullptr), 0u);
   int32_t exitCode = -1;
-  EXPECT_EQ(api.WaitForProcess(attributes.pid, &exitCode, &stop, false, 10000),
+  EXPECT_EQ(api.WaitForProcess(attributes.pid, &exitCode, stop.get(), false, 10000),
             PROCESS_API_ERROR_WAIT_INTERRUPTED);
   EXPECT_EQ(api.PollProcess(attributes.pid), 0u);
   EXPECT_EQ(api.KillProcess(attributes.pid), 0u);
@@ -569,14 +564,12 @@ TEST(ProcessApiWait, StopEventThatFiredInterruptsTheWait) {
 }
 
 TEST(ProcessApiWait, StopEventThatStaysQuietLetsTheProcessEnd) {
-  ResultCode created = 1;
-  CCEvent stop(&created);
-  ASSERT_EQ(created, 0u);
+  const auto stop = NewEvent();
   CProcessApi api;
   ProcessAttributes attributes;
   ASSERT_EQ(api.Launch(attributes, "/bin/sh", "-c", "sleep 0.1; exit 9", nullptr), 0u);
   int32_t exitCode = -1;
-  EXPECT_EQ(api.WaitForProcess(attributes.pid, &exitCode, &stop, false, 10000), 0u);
+  EXPECT_EQ(api.WaitForProcess(attributes.pid, &exitCode, stop.get(), false, 10000), 0u);
   EXPECT_EQ(exitCode, 9);
   EXPECT_TRUE(NoChildLeft());
 }
@@ -766,19 +759,17 @@ TEST(ProcessApiPriority, RefusedChangeIsLoggedAsWarning) {
 // ---------------------------------------------------------------- Threads
 
 TEST(ProcessApiConcurrency, StopEventSetFromAnotherThreadInterruptsTheWait) {
-  ResultCode created = 1;
-  CCEvent stop(&created);
-  ASSERT_EQ(created, 0u);
+  const auto stop = NewEvent();
   CProcessApi api;
   ProcessAttributes attributes;
   ASSERT_EQ(api.Launch(attributes, "/bin/sh", "-c", "exec sleep 30", nullptr), 0u);
   std::thread setter([&stop] {
     usleep(100000);
-    stop.SetEvent();
+    stop->SetEvent();
   });
   int32_t exitCode = -1;
   const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(api.WaitForProcess(attributes.pid, &exitCode, &stop, false, 20000),
+  EXPECT_EQ(api.WaitForProcess(attributes.pid, &exitCode, stop.get(), false, 20000),
             PROCESS_API_ERROR_WAIT_INTERRUPTED);
   EXPECT_LT(MillisSince(start), 10000u);
   setter.join();

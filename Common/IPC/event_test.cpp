@@ -15,18 +15,15 @@
 #include <gtest/gtest.h>
 
 #include "Common/IPC/EventList.h"
+#include "Common/IPC/event_testsupport.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
 
+using ipctest::NewEvent;
 using keeltest::LogCapture;
+using keeltest::MillisSince;
 using keeltest::RunInChild;
-
-uint32_t MillisSince(std::chrono::steady_clock::time_point start) {
-  return static_cast<uint32_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                   std::chrono::steady_clock::now() - start)
-                                   .count());
-}
 
 // What a callback saw.
 struct CallbackLog {
@@ -58,86 +55,72 @@ class RecordingTarget : public ISignalable {
 };
 
 TEST(CCEvent, SetTwiceThenOneWaitWakesOnce) {
-  ResultCode created = 1;
-  CCEvent event(&created);
-  ASSERT_EQ(created, 0u);
-  EXPECT_EQ(event.SetEvent(), 0u);
-  EXPECT_EQ(event.SetEvent(), 0u);
-  EXPECT_EQ(event.WaitEvent(0), 0u);
-  EXPECT_EQ(event.WaitEvent(0), EVENT_ERROR_WAIT_TIMEOUT);
+  const auto event = NewEvent();
+  EXPECT_EQ(event->SetEvent(), 0u);
+  EXPECT_EQ(event->SetEvent(), 0u);
+  EXPECT_EQ(event->WaitEvent(0), 0u);
+  EXPECT_EQ(event->WaitEvent(0), EVENT_ERROR_WAIT_TIMEOUT);
 }
 
 TEST(CCEvent, ZeroWaitOnAnUnsetEventTimesOutAtOnce) {
-  ResultCode created = 1;
-  CCEvent event(&created);
-  ASSERT_EQ(created, 0u);
+  const auto event = NewEvent();
   const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(event.WaitEvent(0), EVENT_ERROR_WAIT_TIMEOUT);
+  EXPECT_EQ(event->WaitEvent(0), EVENT_ERROR_WAIT_TIMEOUT);
   EXPECT_LT(MillisSince(start), 50u);
 }
 
 TEST(CCEvent, WaitLastsTheGivenTime) {
-  ResultCode created = 1;
-  CCEvent event(&created);
-  ASSERT_EQ(created, 0u);
+  const auto event = NewEvent();
   const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(event.WaitEvent(1100), EVENT_ERROR_WAIT_TIMEOUT);
+  EXPECT_EQ(event->WaitEvent(1100), EVENT_ERROR_WAIT_TIMEOUT);
   const uint32_t elapsed = MillisSince(start);
   EXPECT_GE(elapsed, 1090u);
   EXPECT_LT(elapsed, 3000u);
 }
 
 TEST(CCEvent, ResetOnAnEmptyPipeReturnsZeroAtOnce) {
-  ResultCode created = 1;
-  CCEvent event(&created);
-  ASSERT_EQ(created, 0u);
+  const auto event = NewEvent();
   const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(event.ResetEvent(), 0u);
+  EXPECT_EQ(event->ResetEvent(), 0u);
   EXPECT_LT(MillisSince(start), 50u);
 }
 
 TEST(CCEvent, ResetDrainsAndDisarms) {
-  ResultCode created = 1;
-  CCEvent event(&created);
-  ASSERT_EQ(created, 0u);
-  event.Arm();
-  EXPECT_TRUE(event.IsArmed());
+  const auto event = NewEvent();
+  event->Arm();
+  EXPECT_TRUE(event->IsArmed());
   for (int i = 0; i < 40; ++i)
-    ASSERT_EQ(event.SetEvent(), 0u);
-  EXPECT_EQ(event.ResetEvent(), 0u);
-  EXPECT_FALSE(event.IsArmed());
-  EXPECT_EQ(event.WaitEvent(0), EVENT_ERROR_WAIT_TIMEOUT);
+    ASSERT_EQ(event->SetEvent(), 0u);
+  EXPECT_EQ(event->ResetEvent(), 0u);
+  EXPECT_FALSE(event->IsArmed());
+  EXPECT_EQ(event->WaitEvent(0), EVENT_ERROR_WAIT_TIMEOUT);
 }
 
 TEST(CCEvent, FullPipeIsReportedAsFailureButTheEventStaysSet) {
   LogCapture capture;
-  ResultCode created = 1;
-  CCEvent event(&created);
-  ASSERT_EQ(created, 0u);
+  const auto event = NewEvent();
   ResultCode result = 0;
   int writes = 0;
   while (result == 0 && writes < 10000000) {
-    result = event.SetEvent(false);
+    result = event->SetEvent(false);
     ++writes;
   }
   EXPECT_EQ(result, EVENT_ERROR_SET_FAILED);
   EXPECT_GT(writes, 1);
   // Quiet unless asked to be verbose.
   EXPECT_FALSE(capture.Contains("::write"));
-  EXPECT_EQ(event.SetEvent(true), EVENT_ERROR_SET_FAILED);
+  EXPECT_EQ(event->SetEvent(true), EVENT_ERROR_SET_FAILED);
   EXPECT_EQ(capture.Count("Invoked Function: ::write\n"), 1u);
-  EXPECT_EQ(event.WaitEvent(0), 0u);
-  EXPECT_EQ(event.WaitEvent(0), EVENT_ERROR_WAIT_TIMEOUT);
+  EXPECT_EQ(event->WaitEvent(0), 0u);
+  EXPECT_EQ(event->WaitEvent(0), EVENT_ERROR_WAIT_TIMEOUT);
 }
 
 TEST(CCEvent, WaitWithCallbackRunsTheFunction) {
   CallbackLog log;
   log.answer = 0;
-  ResultCode created = 1;
-  CCEvent event(&created, &RecordCallback, &log, 42);
-  ASSERT_EQ(created, 0u);
-  ASSERT_EQ(event.SetEvent(), 0u);
-  EXPECT_EQ(event.WaitEvent(100, true), 0u);
+  const auto event = NewEvent(&RecordCallback, &log, 42);
+  ASSERT_EQ(event->SetEvent(), 0u);
+  EXPECT_EQ(event->WaitEvent(100, true), 0u);
   EXPECT_EQ(log.calls, 1);
   EXPECT_EQ(log.context, &log);
   EXPECT_EQ(log.value, 42);
@@ -145,11 +128,9 @@ TEST(CCEvent, WaitWithCallbackRunsTheFunction) {
 
 TEST(CCEvent, WaitWithoutCallbackLeavesTheFunctionAlone) {
   CallbackLog log;
-  ResultCode created = 1;
-  CCEvent event(&created, &RecordCallback, &log, 42);
-  ASSERT_EQ(created, 0u);
-  ASSERT_EQ(event.SetEvent(), 0u);
-  EXPECT_EQ(event.WaitEvent(100), 0u);
+  const auto event = NewEvent(&RecordCallback, &log, 42);
+  ASSERT_EQ(event->SetEvent(), 0u);
+  EXPECT_EQ(event->WaitEvent(100), 0u);
   EXPECT_EQ(log.calls, 0);
 }
 
@@ -157,48 +138,39 @@ TEST(CCEvent, CallbackAnswerIsReturnedAndLogged) {
   LogCapture capture;
   CallbackLog log;
   log.answer = EVENT_ERROR_UNKNOWN;
-  ResultCode created = 1;
-  CCEvent event(&created, &RecordCallback, &log, 1);
-  ASSERT_EQ(created, 0u);
-  ASSERT_EQ(event.SetEvent(), 0u);
-  EXPECT_EQ(event.WaitEvent(100, true), EVENT_ERROR_UNKNOWN);
+  const auto event = NewEvent(&RecordCallback, &log, 1);
+  ASSERT_EQ(event->SetEvent(), 0u);
+  EXPECT_EQ(event->WaitEvent(100, true), EVENT_ERROR_UNKNOWN);
   EXPECT_TRUE(capture.Contains("Invoked Function: CCEvent::processSignaledEvent\n"));
 }
 
 TEST(CCEvent, WaitWithCallbackButNoneGivenIsNoCallback) {
   LogCapture capture;
-  ResultCode created = 1;
-  CCEvent event(&created);
-  ASSERT_EQ(created, 0u);
-  ASSERT_EQ(event.SetEvent(), 0u);
-  EXPECT_EQ(event.WaitEvent(100, true), EVENT_ERROR_NO_CALLBACK);
+  const auto event = NewEvent();
+  ASSERT_EQ(event->SetEvent(), 0u);
+  EXPECT_EQ(event->WaitEvent(100, true), EVENT_ERROR_NO_CALLBACK);
   // The event was consumed all the same.
-  EXPECT_EQ(event.WaitEvent(0), EVENT_ERROR_WAIT_TIMEOUT);
+  EXPECT_EQ(event->WaitEvent(0), EVENT_ERROR_WAIT_TIMEOUT);
 }
 
 TEST(CCEvent, CallbackObjectIsToldWithContextAndValue) {
   RecordingTarget target;
   int context = 0;
-  ResultCode created = 1;
-  CCEvent event(&created, &target, &context, -7);
-  ASSERT_EQ(created, 0u);
-  ASSERT_EQ(event.SetEvent(), 0u);
-  EXPECT_EQ(event.WaitEvent(100, true), 0u);
+  const auto event = NewEvent(&target, &context, -7);
+  ASSERT_EQ(event->SetEvent(), 0u);
+  EXPECT_EQ(event->WaitEvent(100, true), 0u);
   EXPECT_EQ(target.calls, 1);
   EXPECT_EQ(target.lastContext, &context);
   EXPECT_EQ(target.lastValue, -7);
 }
 
 TEST(CCEvent, OneEventCanFireAnother) {
-  ResultCode created = 1;
-  CCEvent second(&created);
-  ASSERT_EQ(created, 0u);
-  CCEvent first(&created, static_cast<ISignalable*>(&second), nullptr, 0);
-  ASSERT_EQ(created, 0u);
-  ASSERT_EQ(first.SetEvent(), 0u);
-  EXPECT_EQ(second.WaitEvent(0), EVENT_ERROR_WAIT_TIMEOUT);
-  EXPECT_EQ(first.WaitEvent(100, true), 0u);
-  EXPECT_EQ(second.WaitEvent(0), 0u);
+  const auto second = NewEvent();
+  const auto first = NewEvent(static_cast<ISignalable*>(second.get()), nullptr, 0);
+  ASSERT_EQ(first->SetEvent(), 0u);
+  EXPECT_EQ(second->WaitEvent(0), EVENT_ERROR_WAIT_TIMEOUT);
+  EXPECT_EQ(first->WaitEvent(100, true), 0u);
+  EXPECT_EQ(second->WaitEvent(0), 0u);
 }
 
 TEST(CCEvent, NullCallbacksAreRefused) {
@@ -236,10 +208,8 @@ TEST(CCEvent, EventMadeWithAListJoinsItAndLeavesWhenDestroyed) {
   CEventList list;
   CallbackLog log;
   {
-    ResultCode created = 1;
-    CCEvent event(&created, &RecordCallback, &log, 0, EVENT_TYPE_PRIORITY, &list);
-    ASSERT_EQ(created, 0u);
-    EXPECT_EQ(event.GetEventList(), &list);
+    const auto event = NewEvent(&RecordCallback, &log, 0, EVENT_TYPE_PRIORITY, &list);
+    EXPECT_EQ(event->GetEventList(), &list);
     EXPECT_EQ(list.GetEventCount(), 1u);
     EXPECT_EQ(list.GetPriorityCount(), 1u);
   }
@@ -266,12 +236,10 @@ TEST(CCEvent, ExtraDescriptorSetterRefusesBadValues) {
 TEST(CCEvent, ReadableExtraDescriptorEndsTheWait) {
   int fds[2];
   ASSERT_EQ(pipe(fds), 0);
-  ResultCode created = 1;
-  CCEvent event(&created, fds[0], EVENT_EXTRA_FD_READ);
-  ASSERT_EQ(created, 0u);
-  EXPECT_EQ(event.WaitEvent(0), EVENT_ERROR_WAIT_TIMEOUT);
+  const auto event = NewEvent(fds[0], EVENT_EXTRA_FD_READ);
+  EXPECT_EQ(event->WaitEvent(0), EVENT_ERROR_WAIT_TIMEOUT);
   ASSERT_EQ(write(fds[1], "x", 1), 1);
-  EXPECT_EQ(event.WaitEvent(100), 0u);
+  EXPECT_EQ(event->WaitEvent(100), 0u);
   close(fds[0]);
   close(fds[1]);
 }
@@ -279,10 +247,8 @@ TEST(CCEvent, ReadableExtraDescriptorEndsTheWait) {
 TEST(CCEvent, WritableExtraDescriptorEndsTheWait) {
   int fds[2];
   ASSERT_EQ(pipe(fds), 0);
-  ResultCode created = 1;
-  CCEvent event(&created, fds[1], EVENT_EXTRA_FD_WRITE);
-  ASSERT_EQ(created, 0u);
-  EXPECT_EQ(event.WaitEvent(100), 0u);
+  const auto event = NewEvent(fds[1], EVENT_EXTRA_FD_WRITE);
+  EXPECT_EQ(event->WaitEvent(100), 0u);
   close(fds[0]);
   close(fds[1]);
 }
@@ -291,21 +257,17 @@ TEST(CCEvent, ListAttachmentRules) {
   CEventList first;
   CEventList second;
   CallbackLog log;
-  ResultCode created = 1;
-  CCEvent plain(&created);
-  ASSERT_EQ(created, 0u);
-  EXPECT_EQ(plain.setEventList(&first), EVENT_ERROR_NO_CALLBACK);
-  CCEvent wrongType(&created, &RecordCallback, &log, 0, EVENT_TYPE_PLAIN);
-  ASSERT_EQ(created, 0u);
-  EXPECT_EQ(wrongType.setEventList(&first), EVENT_ERROR_EVENT_TYPE_INVALID_FOR_LISTS);
-  CCEvent armed(&created, &RecordCallback, &log, 0, EVENT_TYPE_ARMED);
-  ASSERT_EQ(created, 0u);
-  EXPECT_EQ(armed.setEventList(&first), 0u);
-  EXPECT_EQ(armed.setEventList(&second), EVENT_ERROR_EVENT_IS_ALREADY_ON_A_LIST);
-  EXPECT_EQ(armed.setEventList(nullptr), 0u);
-  EXPECT_EQ(armed.GetEventList(), nullptr);
+  const auto plain = NewEvent();
+  EXPECT_EQ(plain->setEventList(&first), EVENT_ERROR_NO_CALLBACK);
+  const auto wrongType = NewEvent(&RecordCallback, &log, 0, EVENT_TYPE_PLAIN);
+  EXPECT_EQ(wrongType->setEventList(&first), EVENT_ERROR_EVENT_TYPE_INVALID_FOR_LISTS);
+  const auto armed = NewEvent(&RecordCallback, &log, 0, EVENT_TYPE_ARMED);
+  EXPECT_EQ(armed->setEventList(&first), 0u);
+  EXPECT_EQ(armed->setEventList(&second), EVENT_ERROR_EVENT_IS_ALREADY_ON_A_LIST);
+  EXPECT_EQ(armed->setEventList(nullptr), 0u);
+  EXPECT_EQ(armed->GetEventList(), nullptr);
   // Detaching needs no test at all.
-  EXPECT_EQ(plain.setEventList(nullptr), 0u);
+  EXPECT_EQ(plain->setEventList(nullptr), 0u);
 }
 
 TEST(CCEvent, FailedPipeLeavesAnUninitialisedEvent) {
@@ -342,38 +304,32 @@ void SetEventFromHandler(int) {
 }
 
 TEST(CCEvent, SetFromASignalHandler) {
-  ResultCode created = 1;
-  CCEvent event(&created);
-  ASSERT_EQ(created, 0u);
-  g_signalEvent = &event;
+  const auto event = NewEvent();
+  g_signalEvent = event.get();
   struct sigaction action {};
   action.sa_handler = &SetEventFromHandler;
   struct sigaction previous {};
   ASSERT_EQ(sigaction(SIGUSR1, &action, &previous), 0);
   raise(SIGUSR1);
-  EXPECT_EQ(event.WaitEvent(1000), 0u);
+  EXPECT_EQ(event->WaitEvent(1000), 0u);
   sigaction(SIGUSR1, &previous, nullptr);
   g_signalEvent = nullptr;
 }
 
 TEST(CCEventConcurrency, SetFromAnotherThreadWakesTheWaiter) {
-  ResultCode created = 1;
-  CCEvent event(&created);
-  ASSERT_EQ(created, 0u);
+  const auto event = NewEvent();
   std::thread setter([&event] {
     usleep(50000);
-    event.SetEvent();
+    event->SetEvent();
   });
   const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(event.WaitEvent(10000), 0u);
+  EXPECT_EQ(event->WaitEvent(10000), 0u);
   EXPECT_LT(MillisSince(start), 5000u);
   setter.join();
 }
 
 TEST(CCEventConcurrency, ManySettersOneWaiterAlwaysWakes) {
-  ResultCode created = 1;
-  CCEvent event(&created);
-  ASSERT_EQ(created, 0u);
+  const auto event = NewEvent();
   constexpr int kSetters = 4;
   constexpr int kRounds = 200;
   std::atomic<bool> stop{false};
@@ -381,13 +337,13 @@ TEST(CCEventConcurrency, ManySettersOneWaiterAlwaysWakes) {
   for (int i = 0; i < kSetters; ++i) {
     setters.emplace_back([&event, &stop] {
       for (int round = 0; round < kRounds && !stop.load(); ++round) {
-        event.SetEvent(false);
+        event->SetEvent(false);
         usleep(100);
       }
     });
   }
   int wakeUps = 0;
-  while (wakeUps < 10 && event.WaitEvent(5000) == 0)
+  while (wakeUps < 10 && event->WaitEvent(5000) == 0)
     ++wakeUps;
   stop.store(true);
   for (std::thread& setter : setters)

@@ -276,6 +276,12 @@ std::string TextAsNobody(const std::function<std::string()>& body) {
   return TextFromChild([&]() -> std::string { return BecomeNobody() ? body() : "<no setuid>"; });
 }
 
+uint32_t MillisSince(std::chrono::steady_clock::time_point start) {
+  const auto elapsed = std::chrono::steady_clock::now() - start;
+  return static_cast<uint32_t>(
+      std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count());
+}
+
 std::string SourceDir() {
   return KEEL_SOURCE_DIR;
 }

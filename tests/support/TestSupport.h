@@ -4,6 +4,7 @@
 #define TESTS_SUPPORT_TESTSUPPORT_H_
 
 #include <sys/types.h>
+#include <chrono>
 #include <cstdint>
 
 #include <functional>
@@ -147,6 +148,9 @@ constexpr int kCannotBecomeNobody = 77;
 // first. "<no setuid>" from TextAsNobody when that fails.
 int RunAsNobody(const std::function<int()>& body);
 std::string TextAsNobody(const std::function<std::string()>& body);
+
+// Whole milliseconds since `start` on the steady clock.
+uint32_t MillisSince(std::chrono::steady_clock::time_point start);
 
 // The folder holding the test binaries (the build folder's top).
 std::string BuildDir();
