@@ -14,16 +14,22 @@ namespace {
 
 using keeltest::LogCapture;
 
+// The shared instance, made or taken once more; the test fails when that is
+// refused or gives no instance.
+CStoragePath* Created() {
+  CStoragePath* instance = nullptr;
+  EXPECT_EQ(CStoragePath::CreateSingletonInstance(&instance), 0u);
+  EXPECT_NE(instance, nullptr);
+  return instance;
+}
+
 // Each test case runs in its own process, so every case starts with no
 // instance and a count of 0.
 
 TEST(StoragePath, SecondCreateSharesTheInstanceAndNeedsTwoReleases) {
-  CStoragePath* first = nullptr;
-  CStoragePath* second = nullptr;
-  ASSERT_EQ(CStoragePath::CreateSingletonInstance(&first), 0u);
-  ASSERT_NE(first, nullptr);
+  CStoragePath* first = Created();
   EXPECT_EQ(CStoragePath::GetAcquisitionCount(), 1u);
-  ASSERT_EQ(CStoragePath::CreateSingletonInstance(&second), 0u);
+  CStoragePath* second = Created();
   EXPECT_EQ(second, first);
   EXPECT_EQ(CStoragePath::GetAcquisitionCount(), 2u);
 
@@ -50,21 +56,17 @@ TEST(StoragePath, AcquireBeforeCreationIsNullAndKeepsCountZero) {
 }
 
 TEST(StoragePath, CreationAfterLastReleaseMakesAFreshInstance) {
-  CStoragePath* first = nullptr;
-  ASSERT_EQ(CStoragePath::CreateSingletonInstance(&first), 0u);
+  CStoragePath* first = Created();
   CStoragePath::ReleaseInstance(first);
   EXPECT_EQ(CStoragePath::AcquireInstance(), nullptr);
-  CStoragePath* again = nullptr;
-  ASSERT_EQ(CStoragePath::CreateSingletonInstance(&again), 0u);
-  ASSERT_NE(again, nullptr);
+  CStoragePath* again = Created();
   EXPECT_EQ(CStoragePath::GetAcquisitionCount(), 1u);
   CStoragePath::ReleaseInstance(again);
   EXPECT_EQ(CStoragePath::GetAcquisitionCount(), 0u);
 }
 
 TEST(StoragePath, ReleasingNullChangesNothing) {
-  CStoragePath* instance = nullptr;
-  ASSERT_EQ(CStoragePath::CreateSingletonInstance(&instance), 0u);
+  CStoragePath* instance = Created();
   CStoragePath::ReleaseInstance(nullptr);
   EXPECT_EQ(CStoragePath::GetAcquisitionCount(), 1u);
   CStoragePath::ReleaseInstance(instance);
@@ -72,8 +74,7 @@ TEST(StoragePath, ReleasingNullChangesNothing) {
 }
 
 TEST(InstanceSmartPtr, HandleTakesAndGivesBackOneReference) {
-  CStoragePath* instance = nullptr;
-  ASSERT_EQ(CStoragePath::CreateSingletonInstance(&instance), 0u);
+  CStoragePath* instance = Created();
   {
     CInstanceSmartPtr<CStoragePath> handle;
     ASSERT_TRUE(handle);
@@ -89,8 +90,7 @@ TEST(InstanceSmartPtr, EmptyHandleTakesOverTheCreatorsReference) {
   // The start-up pattern: a handle built before creation, then filled.
   auto* handle = new CInstanceSmartPtr<CStoragePath>();
   ASSERT_TRUE(handle->IsNull());
-  CStoragePath* instance = nullptr;
-  ASSERT_EQ(CStoragePath::CreateSingletonInstance(&instance), 0u);
+  CStoragePath* instance = Created();
   handle->ReplaceInstance(instance);
   EXPECT_EQ(handle->get(), instance);
   EXPECT_EQ(CStoragePath::GetAcquisitionCount(), 1u);
@@ -100,8 +100,7 @@ TEST(InstanceSmartPtr, EmptyHandleTakesOverTheCreatorsReference) {
 }
 
 TEST(InstanceSmartPtr, ReplacingGivesBackTheOldReference) {
-  CStoragePath* instance = nullptr;
-  ASSERT_EQ(CStoragePath::CreateSingletonInstance(&instance), 0u);
+  CStoragePath* instance = Created();
   CInstanceSmartPtr<CStoragePath> handle;  // count 2
   EXPECT_EQ(CStoragePath::GetAcquisitionCount(), 2u);
   handle.ReplaceInstance(nullptr);
@@ -113,10 +112,7 @@ TEST(InstanceSmartPtr, ReplacingGivesBackTheOldReference) {
 
 class StoragePathAnswers : public ::testing::Test {
  protected:
-  void SetUp() override {
-    ASSERT_EQ(CStoragePath::CreateSingletonInstance(&m_path), 0u);
-    ASSERT_NE(m_path, nullptr);
-  }
+  void SetUp() override { m_path = Created(); }
   void TearDown() override { CStoragePath::ReleaseInstance(m_path); }
   CStoragePath* m_path = nullptr;
 };
