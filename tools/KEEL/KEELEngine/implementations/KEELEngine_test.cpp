@@ -29,7 +29,6 @@ keeltest::FakeEnv* WorkingIn(const std::string& folder) {
 
 using keeltest::ListDir;
 using keeltest::PathExists;
-using keeltest::ReadFile;
 using keeltest::Shell;
 using keeltest::TempDir;
 using keeltest::WriteFile;
@@ -55,6 +54,15 @@ XMLObject* Parse(const std::string& text) {
   return documents.empty() ? nullptr : new XMLObject(*documents.front());
 }
 
+// What a bundle of the usual instruction set holds.
+const std::vector<std::string> kOneCopyBundle{"a.log", "summary.txt"};
+
+// An engine over the empty tree `dir`, for tests that hand it documents.
+std::shared_ptr<KEELEngine> PoolEngine(const TempDir& dir) {
+  return std::make_shared<KEELEngine>("", dir.path(), dir.Sub("b.zip"), "", false, false, true,
+                                      WorkingIn(dir.Sub("w")));
+}
+
 class EngineTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -68,8 +76,14 @@ class EngineTest : public ::testing::Test {
     ASSERT_TRUE(WriteFile(dir.Sub("install/xml/config/" + name), text));
   }
 
-  std::shared_ptr<KEELEngine> Engine(const std::string& bundle, bool clear = false) {
-    return std::make_shared<KEELEngine>("", dir.Sub("install"), bundle, "", clear, false, true,
+  // The usual instruction set: "one.xml", whose file "one" copies src/a.log.
+  void AddOneCopy(const std::string& directoryName = "") {
+    AddConfig("one.xml", CopyConfig("One", "one", dir.Sub("src/a.log"), directoryName));
+  }
+
+  std::shared_ptr<KEELEngine> Engine(const std::string& bundle, bool clear = false,
+                                     const std::string& request = "") {
+    return std::make_shared<KEELEngine>(request, dir.Sub("install"), bundle, "", clear, false, true,
                                         WorkingIn(dir.Sub("work/KEEL_Temp_Bundle")));
   }
 
@@ -78,6 +92,32 @@ class EngineTest : public ::testing::Test {
     testing::internal::CaptureStdout();
     *result = engine->run();
     return testing::internal::GetCapturedStdout();
+  }
+
+  // Runs the engine for its answer alone.
+  ResultCode RunQuietly(const std::shared_ptr<KEELEngine>& engine) {
+    ResultCode result = 1;
+    RunEngine(engine, &result);
+    return result;
+  }
+
+  // Runs the usual instruction set where the plain working folder already
+  // holds `leftover` (a path below it); the folder the run worked in.
+  std::string WorkingFolderOfARunOver(const std::string& leftover) {
+    AddOneCopy();
+    EXPECT_TRUE(WriteFile(dir.Sub("work/KEEL_Temp_Bundle/" + leftover), "old"));
+    auto engine = Engine(dir.Sub("bundle.zip"));
+    EXPECT_EQ(RunQuietly(engine), 0u);
+    EXPECT_EQ(BundleEntries(), kOneCopyBundle);
+    return engine->workingFolder();
+  }
+
+  std::vector<std::string> BundleEntries() {
+    return keeltest::SortedZipEntryNames(dir.Sub("bundle.zip"));
+  }
+  // The entry `name` of the bundle the tests write.
+  std::string BundleEntry(const std::string& name) {
+    return keeltest::ZipEntry(dir.Sub("bundle.zip"), name);
   }
 
   TempDir dir;
@@ -93,8 +133,7 @@ TEST(EnginePool, SizeIsTheHardwareConcurrencyCappedAtSix) {
 
 TEST(EnginePool, NullEntryUsesUpAnIndex) {
   TempDir dir;
-  auto engine = std::make_shared<KEELEngine>("", dir.path(), dir.Sub("b.zip"), "", false, false,
-                                             true, WorkingIn(dir.Sub("w")));
+  auto engine = PoolEngine(dir);
   // With no request loaded, every collector fails: the groups are named.
   engine->adoptConfigDocument(nullptr);
   engine->adoptConfigDocument(Parse("<c><fileGroup/></c>"));
@@ -104,8 +143,7 @@ TEST(EnginePool, NullEntryUsesUpAnIndex) {
 
 TEST(EnginePool, FailedConfigNamesEachGroupByTitle) {
   TempDir dir;
-  auto engine = std::make_shared<KEELEngine>("", dir.path(), dir.Sub("b.zip"), "", false, false,
-                                             true, WorkingIn(dir.Sub("w")));
+  auto engine = PoolEngine(dir);
   engine->adoptConfigDocument(
       Parse("<c><fileGroup><title>One</title></fileGroup><fileGroup><title>Two</title>"
             "</fileGroup><fileGroup><title>Three</title></fileGroup></c>"));
@@ -117,8 +155,7 @@ TEST(EnginePool, FailedConfigNamesEachGroupByTitle) {
 
 TEST(EnginePool, FailedConfigWithoutGroupsAddsNothingButCountsAsDone) {
   TempDir dir;
-  auto engine = std::make_shared<KEELEngine>("", dir.path(), dir.Sub("b.zip"), "", false, false,
-                                             true, WorkingIn(dir.Sub("w")));
+  auto engine = PoolEngine(dir);
   engine->adoptConfigDocument(Parse("<c><other/></c>"));
   const int32_t before = helperUtil::getDoneCount();
   engine->collectAll(1);
@@ -128,8 +165,7 @@ TEST(EnginePool, FailedConfigWithoutGroupsAddsNothingButCountsAsDone) {
 
 TEST(EnginePool, OneThreadRunsJobsStrictlyInListOrder) {
   TempDir dir;
-  auto engine = std::make_shared<KEELEngine>("", dir.path(), dir.Sub("b.zip"), "", false, false,
-                                             true, WorkingIn(dir.Sub("w")));
+  auto engine = PoolEngine(dir);
   for (int i = 0; i < 5; ++i) {
     engine->adoptConfigDocument(
         Parse("<c><fileGroup><title>G" + std::to_string(i) + "</title></fileGroup></c>"));
@@ -140,8 +176,7 @@ TEST(EnginePool, OneThreadRunsJobsStrictlyInListOrder) {
 
 TEST(EnginePoolConcurrency, ManyJobsOnSixThreadsAllCount) {
   TempDir dir;
-  auto engine = std::make_shared<KEELEngine>("", dir.path(), dir.Sub("b.zip"), "", false, false,
-                                             true, WorkingIn(dir.Sub("w")));
+  auto engine = PoolEngine(dir);
   for (int i = 0; i < 24; ++i) {
     engine->adoptConfigDocument(Parse("<c><fileGroup/><fileGroup/></c>"));
   }
@@ -162,7 +197,7 @@ TEST_F(EngineTest, NoConfigFailsBeforeAnyWorkingFolderIsMade) {
 }
 
 TEST_F(EngineTest, FreshWorkingFolderWhenThePlainOneIsMissing) {
-  AddConfig("one.xml", CopyConfig("One", "one", dir.Sub("src/a.log")));
+  AddOneCopy();
   auto engine = Engine(dir.Sub("bundle.zip"));
   ResultCode result = 1;
   const std::string out = RunEngine(engine, &result);
@@ -173,70 +208,45 @@ TEST_F(EngineTest, FreshWorkingFolderWhenThePlainOneIsMissing) {
       << engine->workingFolder();
   // The fresh folder was zipped and then removed: it held no sub-folder.
   EXPECT_FALSE(PathExists(engine->workingFolder()));
-  EXPECT_EQ(keeltest::SortedZipEntryNames(dir.Sub("bundle.zip")),
-            (std::vector<std::string>{"a.log", "summary.txt"}));
+  EXPECT_EQ(BundleEntries(), kOneCopyBundle);
   EXPECT_NE(out.find("\rKEEL has finished... "), std::string::npos);
   EXPECT_EQ(out.substr(out.size() - 4), "\r\n\r\n");
 }
 
 TEST_F(EngineTest, PlainFolderWithOnlyFilesIsDeletedAndUsed) {
-  AddConfig("one.xml", CopyConfig("One", "one", dir.Sub("src/a.log")));
-  ASSERT_TRUE(WriteFile(dir.Sub("work/KEEL_Temp_Bundle/stale.txt"), "old"));
-  auto engine = Engine(dir.Sub("bundle.zip"));
-  ResultCode result = 1;
-  RunEngine(engine, &result);
-  EXPECT_EQ(result, 0u);
-  EXPECT_EQ(engine->workingFolder(), dir.Sub("work/KEEL_Temp_Bundle"));
-  EXPECT_EQ(keeltest::SortedZipEntryNames(dir.Sub("bundle.zip")),
-            (std::vector<std::string>{"a.log", "summary.txt"}));
+  EXPECT_EQ(WorkingFolderOfARunOver("stale.txt"), dir.Sub("work/KEEL_Temp_Bundle"));
 }
 
 TEST_F(EngineTest, PlainFolderWithASubFolderMakesTheRunTakeAFreshName) {
-  AddConfig("one.xml", CopyConfig("One", "one", dir.Sub("src/a.log")));
-  ASSERT_TRUE(WriteFile(dir.Sub("work/KEEL_Temp_Bundle/sub/x.txt"), "x"));
-  auto engine = Engine(dir.Sub("bundle.zip"));
-  ResultCode result = 1;
-  RunEngine(engine, &result);
-  EXPECT_EQ(result, 0u);
-  EXPECT_NE(engine->workingFolder(), dir.Sub("work/KEEL_Temp_Bundle"));
+  EXPECT_NE(WorkingFolderOfARunOver("sub/x.txt"), dir.Sub("work/KEEL_Temp_Bundle"));
   EXPECT_TRUE(PathExists(dir.Sub("work/KEEL_Temp_Bundle/sub/x.txt")));
-  EXPECT_EQ(keeltest::SortedZipEntryNames(dir.Sub("bundle.zip")),
-            (std::vector<std::string>{"a.log", "summary.txt"}));
 }
 
 TEST_F(EngineTest, SubFoldersOfInstructionsOutliveTheRun) {
-  AddConfig("one.xml", CopyConfig("One", "one", dir.Sub("src/a.log"), "logs"));
+  AddOneCopy("logs");
   auto engine = Engine(dir.Sub("bundle.zip"));
-  ResultCode result = 1;
-  RunEngine(engine, &result);
-  EXPECT_EQ(result, 0u);
-  EXPECT_EQ(keeltest::SortedZipEntryNames(dir.Sub("bundle.zip")),
-            (std::vector<std::string>{"logs/a.log", "summary.txt"}));
+  EXPECT_EQ(RunQuietly(engine), 0u);
+  EXPECT_EQ(BundleEntries(), (std::vector<std::string>{"logs/a.log", "summary.txt"}));
   // The files directly in the folder are gone; the sub-folder stays.
   EXPECT_EQ(ListDir(engine->workingFolder()), (std::vector<std::string>{"logs"}));
   EXPECT_EQ(ListDir(engine->workingFolder() + "/logs"), (std::vector<std::string>{"a.log"}));
 }
 
 TEST_F(EngineTest, BundlePathGetsZipUnlessItEndsInZip) {
-  AddConfig("one.xml", CopyConfig("One", "one", dir.Sub("src/a.log")));
-  ResultCode result = 1;
-  RunEngine(Engine(dir.Sub("report.tar")), &result);
-  EXPECT_EQ(result, 0u);
+  AddOneCopy();
+  EXPECT_EQ(RunQuietly(Engine(dir.Sub("report.tar"))), 0u);
   EXPECT_TRUE(PathExists(dir.Sub("report.tar.zip")));
-  RunEngine(Engine(dir.Sub("x.ZIP")), &result);
+  EXPECT_EQ(RunQuietly(Engine(dir.Sub("x.ZIP"))), 0u);
   EXPECT_TRUE(PathExists(dir.Sub("x.ZIP.zip")));
-  RunEngine(Engine(dir.Sub("y.zip")), &result);
+  EXPECT_EQ(RunQuietly(Engine(dir.Sub("y.zip"))), 0u);
   EXPECT_TRUE(PathExists(dir.Sub("y.zip")));
   EXPECT_FALSE(PathExists(dir.Sub("y.zip.zip")));
 }
 
 TEST_F(EngineTest, DefaultRunEndsWithTheNoInstructionHeading) {
-  AddConfig("one.xml", CopyConfig("One", "one", dir.Sub("src/a.log")));
-  ResultCode result = 1;
-  RunEngine(Engine(dir.Sub("bundle.zip")), &result);
-  ASSERT_EQ(result, 0u);
-  Shell("cd '" + dir.path() + "' && mkdir x && cd x && unzip -q ../bundle.zip");
-  const std::string summary = ReadFile(dir.Sub("x/summary.txt"));
+  AddOneCopy();
+  ASSERT_EQ(RunQuietly(Engine(dir.Sub("bundle.zip"))), 0u);
+  const std::string summary = BundleEntry("summary.txt");
   const std::string heading =
       "\n\nNo instruction found in any config for the following file ID's from request:\n";
   ASSERT_GE(summary.size(), heading.size());
@@ -260,11 +270,8 @@ TEST_F(EngineTest, BrokenFileBesideTwoGoodConfigsIsNamedInTheSummary) {
   AddConfig("good1.xml", CopyConfig("Good1", "g1", dir.Sub("src/a.log")));
   AddConfig("good2.xml", CopyConfig("Good2", "g2", dir.Sub("src/b.log")));
   AddConfig("broken.xml", "<config><fileGroup></config>");
-  ResultCode result = 1;
-  RunEngine(Engine(dir.Sub("bundle.zip")), &result);
-  ASSERT_EQ(result, 0u);
-  Shell("cd '" + dir.path() + "' && mkdir x && cd x && unzip -q ../bundle.zip");
-  const std::string summary = ReadFile(dir.Sub("x/summary.txt"));
+  ASSERT_EQ(RunQuietly(Engine(dir.Sub("bundle.zip"))), 0u);
+  const std::string summary = BundleEntry("summary.txt");
   const std::string tail = "\n" + std::string(100, '=') +
                            "\nKEELEngine failed to parse or use the following configuration "
                            "files:\n" +
@@ -293,31 +300,23 @@ TEST_F(EngineTest, ClearRunShowsNoClearingLine) {
 }
 
 TEST_F(EngineTest, RequestRenamingTheSummaryLeavesTheTailInSummaryTxt) {
-  AddConfig("one.xml", CopyConfig("One", "one", dir.Sub("src/a.log")));
+  AddOneCopy();
   ASSERT_TRUE(WriteFile(dir.Sub("request.xml"),
                         "<request><file id=\"one\"/><file id=\"summary\"><name>report.txt</name>"
                         "</file></request>"));
-  auto engine = std::make_shared<KEELEngine>(dir.Sub("request.xml"), dir.Sub("install"),
-                                             dir.Sub("bundle.zip"), "", false, false, true,
-                                             WorkingIn(dir.Sub("work/KEEL_Temp_Bundle")));
-  ResultCode result = 1;
-  RunEngine(engine, &result);
-  ASSERT_EQ(result, 0u);
-  EXPECT_EQ(keeltest::SortedZipEntryNames(dir.Sub("bundle.zip")),
-            (std::vector<std::string>{"a.log", "report.txt", "summary.txt"}));
-  Shell("cd '" + dir.path() + "' && mkdir x && cd x && unzip -q ../bundle.zip");
-  EXPECT_NE(ReadFile(dir.Sub("x/report.txt")).find("One:\n\nFiles Included in Bundle:\n"),
+  auto engine = Engine(dir.Sub("bundle.zip"), false, dir.Sub("request.xml"));
+  ASSERT_EQ(RunQuietly(engine), 0u);
+  EXPECT_EQ(BundleEntries(), (std::vector<std::string>{"a.log", "report.txt", "summary.txt"}));
+  EXPECT_NE(BundleEntry("report.txt").find("One:\n\nFiles Included in Bundle:\n"),
             std::string::npos);
   // The request entry "one" was served, so the tail has no heading at all.
-  EXPECT_EQ(ReadFile(dir.Sub("x/summary.txt")), "");
+  EXPECT_EQ(BundleEntry("summary.txt"), "");
 }
 
 TEST_F(EngineTest, UnusableRequestFileStopsTheRun) {
-  AddConfig("one.xml", CopyConfig("One", "one", dir.Sub("src/a.log")));
+  AddOneCopy();
   ASSERT_TRUE(WriteFile(dir.Sub("request.xml"), "<request>"));
-  auto engine = std::make_shared<KEELEngine>(dir.Sub("request.xml"), dir.Sub("install"),
-                                             dir.Sub("bundle.zip"), "", false, false, true,
-                                             WorkingIn(dir.Sub("work/KEEL_Temp_Bundle")));
+  auto engine = Engine(dir.Sub("bundle.zip"), false, dir.Sub("request.xml"));
   ResultCode result = 0;
   const std::string out = RunEngine(engine, &result);
   EXPECT_EQ(result, KEELENGINE_ERROR_INVALID_XML);
