@@ -89,6 +89,22 @@ class CollectExternalAction : public ::testing::Test {
 
   std::string PathElement() const { return "<path>" + m_bin + "</path>"; }
 
+  // An action running `args` from the test's bin folder with its standard
+  // output kept, `extra` elements beside.
+  std::string StdoutAction(const std::string& args, const std::string& extra = "") const {
+    return "<action>" + PathElement() + "<args>" + args + "</args>" + extra + "<stdout/></action>";
+  }
+
+  // Collects `actions` under `bundleName`; expects one record, of the bundle
+  // file `file`, which holds `text`.
+  void ExpectOneStdoutFile(const std::string& actions, const std::string& bundleName,
+                           const std::string& file, const std::string& text) {
+    const TruncAttrsList records = Collect(actions, bundleName);
+    ASSERT_EQ(1u, records.size());
+    ExpectRecord(records.front(), m_bundle + "/" + file);
+    EXPECT_EQ(text, keeltest::ReadFile(m_bundle + "/" + file));
+  }
+
   // The settings of the test's instruction, on the test's host.
   ActionSettings Settings(const std::string& bundle, const std::string& bundleName = "") {
     ActionSettings settings = actiontest::MakeSettings(bundle, m_summary.get(), bundleName);
@@ -119,39 +135,24 @@ typedef CollectExternalAction ExternalActionTimeLimit;
 // ---- where the output goes ------------------------------------------------------
 
 TEST_F(CollectExternalAction, StdoutWithBareTempOutWritesIntoTheBundle) {
-  const TruncAttrsList records = Collect("<action>" + PathElement() +
-                                         "<args>hello.sh one two</args><temp_out>out.txt</temp_out>"
-                                         "<stdout/></action>");
-  const std::string out = m_bundle + "/out.txt";
-  EXPECT_EQ(Banner("hello.sh one two") + "hello one two\n", keeltest::ReadFile(out));
-  ASSERT_EQ(1u, records.size());
-  ExpectRecord(records.front(), out);
+  ExpectOneStdoutFile(StdoutAction("hello.sh one two", "<temp_out>out.txt</temp_out>"), "",
+                      "out.txt", Banner("hello.sh one two") + "hello one two\n");
   EXPECT_TRUE(omitted().empty());
 }
 
 TEST_F(CollectExternalAction, StdoutWithoutTempOutUsesTheBundleName) {
-  const TruncAttrsList records =
-      Collect("<action>" + PathElement() + "<args>hello.sh</args><stdout/></action>", "diag.txt");
-  ASSERT_EQ(1u, records.size());
-  ExpectRecord(records.front(), m_bundle + "/diag.txt");
-  EXPECT_EQ(Banner("hello.sh") + "hello \n", keeltest::ReadFile(m_bundle + "/diag.txt"));
+  ExpectOneStdoutFile(StdoutAction("hello.sh"), "diag.txt", "diag.txt",
+                      Banner("hello.sh") + "hello \n");
 }
 
 TEST_F(CollectExternalAction, StdoutWithoutTempOutOrBundleNameUsesTheShortName) {
-  const TruncAttrsList records =
-      Collect("<action>" + PathElement() + "<args>hello.sh x</args><stdout/></action>");
-  ASSERT_EQ(1u, records.size());
-  ExpectRecord(records.front(), m_bundle + "/hello_result.txt");
-  EXPECT_EQ(Banner("hello.sh x") + "hello x\n", keeltest::ReadFile(m_bundle + "/hello_result.txt"));
+  ExpectOneStdoutFile(StdoutAction("hello.sh x"), "", "hello_result.txt",
+                      Banner("hello.sh x") + "hello x\n");
 }
 
 TEST_F(CollectExternalAction, HiddenProgramNameGivesUnderscoreResult) {
   ASSERT_TRUE(actiontest::WriteScript(m_bin + "/.hidden", "echo secret\n"));
-  const TruncAttrsList records =
-      Collect("<action>" + PathElement() + "<args>.hidden</args><stdout/></action>");
-  ASSERT_EQ(1u, records.size());
-  ExpectRecord(records.front(), m_bundle + "/_result.txt");
-  EXPECT_EQ(Banner(".hidden") + "secret\n", keeltest::ReadFile(m_bundle + "/_result.txt"));
+  ExpectOneStdoutFile(StdoutAction(".hidden"), "", "_result.txt", Banner(".hidden") + "secret\n");
 }
 
 TEST_F(CollectExternalAction, TwoCommandsAppendIntoOneFile) {
@@ -284,8 +285,7 @@ TEST_F(CollectExternalAction, CommandFolderIsJoinedTwice) {
 
 TEST_F(CollectExternalAction, ExitCodeOneIsSuccess) {
   ASSERT_TRUE(actiontest::WriteScript(m_bin + "/fails.sh", "echo partial\nexit 1\n"));
-  const TruncAttrsList records =
-      Collect("<action>" + PathElement() + "<args>fails.sh</args><stdout/></action>");
+  const TruncAttrsList records = Collect(StdoutAction("fails.sh"));
   ASSERT_EQ(1u, records.size());
   ExpectRecord(records.front(), m_bundle + "/fails_result.txt");
   EXPECT_EQ(Banner("fails.sh") + "partial\n", keeltest::ReadFile(m_bundle + "/fails_result.txt"));
@@ -403,8 +403,7 @@ TEST_F(CollectExternalAction, MegabytesOfOutputArriveWhole) {
   const size_t size = 3 * 1000 * 1000;
   ASSERT_TRUE(actiontest::WriteScript(
       m_bin + "/big.sh", "head -c " + std::to_string(size) + " /dev/zero | tr '\\0' 'x'\n"));
-  const TruncAttrsList records =
-      Collect("<action>" + PathElement() + "<args>big.sh</args><stdout/></action>");
+  const TruncAttrsList records = Collect(StdoutAction("big.sh"));
   ASSERT_EQ(1u, records.size());
   const std::string content = keeltest::ReadFile(m_bundle + "/big_result.txt");
   ASSERT_EQ(Banner("big.sh").size() + size, content.size());
@@ -572,8 +571,7 @@ TEST_F(ExternalActionTimeLimit, AtTheLimitTheProgramRunsOn) {
 
 TEST_F(ExternalActionTimeLimit, ShellFormEndsBeforeTheLimitIsAsked) {
   m_env.SetClock({0, 2000000000});
-  const TruncAttrsList records =
-      Collect("<action>" + PathElement() + "<args>hello.sh</args><stdout/></action>");
+  const TruncAttrsList records = Collect(StdoutAction("hello.sh"));
   ASSERT_EQ(1u, records.size());
   EXPECT_EQ(1, m_env.ClockCalls());
   EXPECT_FALSE(m_capture.Contains("timed out"));
