@@ -76,6 +76,15 @@ class KeelcheckRun : public keeltest::IsolatedTree {
            "/xml/config/ && ln -s " + kInstallRoot + "/keelcheck /tmp/bin/keelcheck\n";
   }
 
+  // Runs keelcheck with `args`; expects its exit status, its standard output
+  // and nothing on its standard error.
+  void ExpectKeelcheck(const std::vector<std::string>& args, int status, const std::string& out) {
+    const IsolatedResult run = Keelcheck(args);
+    EXPECT_EQ(run.status, status);
+    EXPECT_EQ(run.out, out);
+    EXPECT_EQ(run.err, "");
+  }
+
   std::string Inspect() const { return ReadFile(m_tree->Sub("scratch/inspect.txt")); }
 };
 
@@ -86,23 +95,18 @@ TEST_F(KeelcheckRun, FindingLinesAndExitStatusOfTheRealProgram) {
                          "systemctl status &apos;velon*&apos; 2>&amp;1</args>\n"
                          "<temp_out>s.txt</temp_out><stdout/></action></use_extern_action></os>"
                          "</keel>"));
-  const IsolatedResult run = Keelcheck({"module.xml"});
-  EXPECT_EQ(run.status, 1);
-  EXPECT_EQ(run.out,
-            "module.xml:5:1: warning: <defualt> is never read here; did you mean <default>?\n"
-            "module.xml:7:1: warning: the text of <args> loses blanks where it is split by a "
-            "reference (&...;), CDATA or a comment: the tool reads \"timeout --kill-after=5 10 "
-            "systemctl status'velon*'2>&1\"; write ' and \" as they are and keep no blank beside "
-            "a reference\n");
-  EXPECT_EQ(run.err, "");
+  ExpectKeelcheck(
+      {"module.xml"}, 1,
+      "module.xml:5:1: warning: <defualt> is never read here; did you mean <default>?\n"
+      "module.xml:7:1: warning: the text of <args> loses blanks where it is split by a "
+      "reference (&...;), CDATA or a comment: the tool reads \"timeout --kill-after=5 10 "
+      "systemctl status'velon*'2>&1\"; write ' and \" as they are and keep no blank beside "
+      "a reference\n");
 }
 
 TEST_F(KeelcheckRun, CleanFileGivesNoOutputAndExitZero) {
   AddFile("module.xml", OneInstruction(kGoodBody));
-  const IsolatedResult run = Keelcheck({"module.xml"});
-  EXPECT_EQ(run.status, 0);
-  EXPECT_EQ(run.out, "");
-  EXPECT_EQ(run.err, "");
+  ExpectKeelcheck({"module.xml"}, 0, "");
 }
 
 TEST_F(KeelcheckRun, FolderGivesTheFindingsOfEachFile) {
@@ -111,13 +115,12 @@ TEST_F(KeelcheckRun, FolderGivesTheFindingsOfEachFile) {
   AddFile("conf/three.xml", OneInstruction("<default>True</default>\n<keel><os opsys=\"linux\">"
                                            "<file_copy_action><action><loc>/etc/hosts</loc>"
                                            "</action></file_copy_action></os></keel>"));
-  const IsolatedResult run = Keelcheck({"conf"});
-  EXPECT_EQ(run.status, 1);
-  EXPECT_EQ(run.out,
-            "conf/three.xml:5:1: warning: <default> \"True\" is not \"true\", so a bundle run "
-            "does not take <file id=\"a\">; write true or false\n"
-            "conf/two.xml:3:7: error: the tool cannot read this file, so nothing in it is "
-            "gathered: Opening and ending tag mismatch: fileGroup line 0 and cfg\n");
+  ExpectKeelcheck(
+      {"conf"}, 1,
+      "conf/three.xml:5:1: warning: <default> \"True\" is not \"true\", so a bundle run "
+      "does not take <file id=\"a\">; write true or false\n"
+      "conf/two.xml:3:7: error: the tool cannot read this file, so nothing in it is "
+      "gathered: Opening and ending tag mismatch: fileGroup line 0 and cfg\n");
 }
 
 TEST_F(KeelcheckRun, BadOptionOrMissingPathCannotRun) {
