@@ -62,6 +62,23 @@ class CollectorSelection : public CollectorFixture {
   // Collects one instruction whose two os parts, with the given opsys
   // values, copy first.log and second.log; returns which of the two were
   // copied. The instruction is in the bundle either way.
+  // The summary includes exactly the ids `included`, in order, and its only
+  // notes say that the ids `notDefault` are not default, in that order.
+  void ExpectSelection(const std::vector<std::string>& included,
+                       const std::vector<std::string>& notDefault) {
+    const std::string summary = Summary();
+    EXPECT_EQ(included, IncludedIds(summary));
+    std::vector<std::string> notes;
+    for (const std::string& id : notDefault)
+      notes.push_back(NotDefaultNote(id));
+    EXPECT_EQ(notes, Notes(summary));
+  }
+
+  // The file elements of the document `text`, in document order.
+  std::vector<KEELComponent*> FilesOf(const std::string& text) {
+    return collector::getFileComponents(*Parse(text));
+  }
+
   std::vector<std::string> CopiedOfTwoOsParts(const std::string& firstOpsys,
                                               const std::string& secondOpsys) {
     Source("first.log", "1\n");
@@ -119,10 +136,7 @@ TEST_F(CollectorSelection, DefaultOfCapitalTrueIsNotDefault) {
                                          CopyInstruction("absent", "Absent", loc, ""))));
   ASSERT_EQ(0u, Collect(config));
   EXPECT_FALSE(InWork("a.log"));
-  EXPECT_TRUE(IncludedIds(Summary()).empty());
-  EXPECT_EQ((std::vector<std::string>{NotDefaultNote("absent"), NotDefaultNote("capital"),
-                                      NotDefaultNote("upper")}),
-            Notes(Summary()));
+  ExpectSelection({}, {"absent", "capital", "upper"});
 }
 
 TEST_F(CollectorSelection, DefaultWithLineBreaksAroundTrueCounts) {
@@ -131,8 +145,7 @@ TEST_F(CollectorSelection, DefaultWithLineBreaksAroundTrueCounts) {
       Parse(Config(Group(CopyInstruction("spaced", "Spaced", loc, "\n   true\n  "))));
   ASSERT_EQ(0u, Collect(config));
   EXPECT_TRUE(InWork("a.log"));
-  EXPECT_EQ(std::vector<std::string>{"spaced"}, IncludedIds(Summary()));
-  EXPECT_TRUE(Notes(Summary()).empty());
+  ExpectSelection({"spaced"}, {});
 }
 
 TEST_F(CollectorSelection, IdAndOpsysWithBlanksAroundThemAreTrimmed) {
@@ -144,8 +157,7 @@ TEST_F(CollectorSelection, IdAndOpsysWithBlanksAroundThemAreTrimmed) {
                          CopyInstruction(" system-logs ", "System", loc, "no") +
                          OsInstruction(" blanks ", CopyOs(" opsys=\"  linux \"", loc)))));
   ASSERT_EQ(0u, Collect(config, false, false));
-  EXPECT_EQ(std::vector<std::string>{"blanks"}, IncludedIds(Summary()));
-  EXPECT_EQ(std::vector<std::string>{NotDefaultNote("padded")}, Notes(Summary()));
+  ExpectSelection({"blanks"}, {"padded"});
 }
 
 TEST_F(CollectorSelection, DefaultDeepUnderKeelIsFoundOnlyWithoutAnEarlierOne) {
@@ -170,9 +182,7 @@ TEST_F(CollectorSelection, DefaultDeepUnderKeelIsFoundOnlyWithoutAnEarlierOne) {
   EXPECT_TRUE(InWork("deep.log"));
   EXPECT_FALSE(InWork("shadowed.log"));
   EXPECT_FALSE(InWork("late.log"));
-  EXPECT_EQ(std::vector<std::string>{"a-deep"}, IncludedIds(Summary()));
-  EXPECT_EQ((std::vector<std::string>{NotDefaultNote("b-shadowed"), NotDefaultNote("c-late")}),
-            Notes(Summary()));
+  ExpectSelection({"a-deep"}, {"b-shadowed", "c-late"});
 }
 
 // ---- Groups, order and folders -------------------------------------------------
@@ -309,9 +319,7 @@ TEST_F(CollectorSelection, WithoutLegacyFlagNonDefaultFilesOfTheLegacyGroupGetTh
                                              CopyInstruction("old-c", "Default", old, "true"),
                                          kLegacyGroup)));
   ASSERT_EQ(0u, Collect(config, false));
-  EXPECT_EQ(std::vector<std::string>{"old-c"}, IncludedIds(Summary()));
-  EXPECT_EQ((std::vector<std::string>{NotDefaultNote("old-a"), NotDefaultNote("old-b")}),
-            Notes(Summary()));
+  ExpectSelection({"old-c"}, {"old-a", "old-b"});
   EXPECT_NE(std::string::npos,
             Summary().find("\n\nNotes:\n - The file(s) of ID old-a is/are not included by "
                            "default by this config.\n - The file(s) of ID old-b is/are not "
@@ -326,10 +334,7 @@ TEST_F(CollectorSelection, LegacyFlagWidensOnlyTheExactlyNamedGroup) {
                    Group(CopyInstruction("unnamed", "", loc, "false")) +
                    Group(CopyInstruction("other", "", loc, "false"), " directoryName=\"x\"")));
   ASSERT_EQ(0u, Collect(config, true));
-  EXPECT_TRUE(IncludedIds(Summary()).empty());
-  EXPECT_EQ((std::vector<std::string>{NotDefaultNote("lower"), NotDefaultNote("unnamed"),
-                                      NotDefaultNote("other")}),
-            Notes(Summary()));
+  ExpectSelection({}, {"lower", "unnamed", "other"});
 }
 
 TEST_F(CollectorSelection, SystemLogIdsArePassedOverSilentlyWithoutSystemLogs) {
@@ -338,8 +343,7 @@ TEST_F(CollectorSelection, SystemLogIdsArePassedOverSilentlyWithoutSystemLogs) {
       Group(CopyInstruction("system-logs", "", loc) + CopyInstruction("system-log-hist", "", loc) +
             CopyInstruction("system-logs-x", "", loc, "no"));
   ASSERT_EQ(0u, Collect(Parse(Config(groups)), false, false));
-  EXPECT_TRUE(IncludedIds(Summary()).empty());
-  EXPECT_EQ(std::vector<std::string>{NotDefaultNote("system-logs-x")}, Notes(Summary()));
+  ExpectSelection({}, {"system-logs-x"});
 }
 
 TEST_F(CollectorSelection, SystemLogIdsAreCollectedWithSystemLogs) {
@@ -501,10 +505,9 @@ TEST_F(CollectorSelection, MoveReaderToCorrectOsPlacesTheReaderOnTheLinuxPart) {
 }
 
 TEST_F(CollectorSelection, MoveReaderToCorrectOsRefusals) {
-  XMLObject* config = Parse(
+  const auto files = FilesOf(
       "<c><file id=\"empty\"><keel/></file><file id=\"mac\"><keel><os opsys=\"mac\"/></keel></file>"
       "<file id=\"bare\"/></c>");
-  auto files = collector::getFileComponents(*config);
   ASSERT_EQ(3u, files.size());
   auto job = Make();
   EXPECT_EQ(KEELENGINE_ERROR_BAD_PARAMETER, job->moveReaderToCorrectOS(nullptr));
@@ -545,8 +548,7 @@ TEST_F(CollectorSelection, FilesOfSomethingOtherThanAFileGroupAreEmpty) {
 }
 
 TEST_F(CollectorSelection, SortWithoutIdKeepsBothPlaces) {
-  XMLObject* config = Parse("<c><file id=\"b\"/><file/><file id=\"a\"/><file id=\"\"/></c>");
-  auto files = collector::getFileComponents(*config);
+  const auto files = FilesOf("<c><file id=\"b\"/><file/><file id=\"a\"/><file id=\"\"/></c>");
   ASSERT_EQ(4u, files.size());
   std::vector<KEELComponent*> pair{files[0], files[1]};
   collector::sortById(pair);
@@ -561,10 +563,9 @@ TEST_F(CollectorSelection, SortWithoutIdKeepsBothPlaces) {
 }
 
 TEST_F(CollectorSelection, IsDefaultNeedsExactlyTrue) {
-  XMLObject* config = Parse(
+  const auto files = FilesOf(
       "<c><file><default>true</default></file><file><default>false</default></file>"
       "<file><default/></file><file/></c>");
-  auto files = collector::getFileComponents(*config);
   ASSERT_EQ(4u, files.size());
   EXPECT_TRUE(collector::isDefault(files[0]));
   EXPECT_FALSE(collector::isDefault(files[1]));
