@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -53,6 +54,13 @@ std::vector<std::string> AllPieces(std::string text, size_t width) {
   return pieces;
 }
 
+// The first piece of `text` at `width`, and what is left of the text.
+using Cutting = std::pair<std::string, std::string>;
+Cutting Cut(std::string text, size_t width) {
+  std::string piece = collector::nextPiece(text, width);
+  return Cutting(piece, text);
+}
+
 TEST(CollectorNextPiece, SixtyCharactersWithoutBlanksTakeThreePieces) {
   const std::string name(60, 'n');
   EXPECT_EQ(
@@ -61,38 +69,26 @@ TEST(CollectorNextPiece, SixtyCharactersWithoutBlanksTakeThreePieces) {
 }
 
 TEST(CollectorNextPiece, TextOfExactlyTheWidthIsOnePiece) {
-  std::string text(28, 'x');
-  EXPECT_EQ(std::string(28, 'x'), collector::nextPiece(text, 28));
-  EXPECT_EQ("", text);
+  EXPECT_EQ(Cutting(std::string(28, 'x'), ""), Cut(std::string(28, 'x'), 28));
 }
 
 TEST(CollectorNextPiece, BreaksAtTheLastBlankThatFits) {
-  std::string text = "Diagnostic traces of the client application, written while set up";
-  EXPECT_EQ("Diagnostic traces of the client", collector::nextPiece(text, 40));
-  EXPECT_EQ("application, written while set up", text);
+  EXPECT_EQ(Cutting("Diagnostic traces of the client", "application, written while set up"),
+            Cut("Diagnostic traces of the client application, written while set up", 40));
 }
 
 TEST(CollectorNextPiece, BlankJustBehindTheColumnIsNotUsed) {
-  std::string text = "aaaaa bbb";
-  EXPECT_EQ("aaaa", collector::nextPiece(text, 5));
-  EXPECT_EQ("a bbb", text);
+  EXPECT_EQ(Cutting("aaaa", "a bbb"), Cut("aaaaa bbb", 5));
 }
 
 TEST(CollectorNextPiece, OnlyTheOneBlankIsDropped) {
-  std::string text = "aa  bb cc";
-  EXPECT_EQ("aa ", collector::nextPiece(text, 4));
-  EXPECT_EQ("bb cc", text);
+  EXPECT_EQ(Cutting("aa ", "bb cc"), Cut("aa  bb cc", 4));
 }
 
 TEST(CollectorNextPiece, LeadingWhiteSpaceGoesFirst) {
-  std::string text = " \t\n  word";
-  EXPECT_EQ("word", collector::nextPiece(text, 10));
-  EXPECT_EQ("", text);
-  std::string blanks = "   \t ";
-  EXPECT_EQ("", collector::nextPiece(blanks, 10));
-  EXPECT_EQ("", blanks);
-  std::string empty;
-  EXPECT_EQ("", collector::nextPiece(empty, 10));
+  EXPECT_EQ(Cutting("word", ""), Cut(" \t\n  word", 10));
+  EXPECT_EQ(Cutting("", ""), Cut("   \t ", 10));
+  EXPECT_EQ(Cutting("", ""), Cut("", 10));
 }
 
 TEST(CollectorNextPiece, NextRowStartsWithTheNextWord) {
