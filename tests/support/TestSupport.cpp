@@ -35,6 +35,15 @@ TempDir::~TempDir() {
   fs::remove_all(m_path, error);
 }
 
+bool TempDir::WriteEach(std::initializer_list<std::string> relatives,
+                        const std::string& content) const {
+  for (const std::string& relative : relatives) {
+    if (!WriteFile(Sub(relative), content))
+      return false;
+  }
+  return true;
+}
+
 ScopedCwd::ScopedCwd(const std::string& folder) {
   char buffer[4096];
   if (getcwd(buffer, sizeof(buffer)) != nullptr)

@@ -8,6 +8,7 @@
 #include <cstdint>
 
 #include <functional>
+#include <initializer_list>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -39,6 +40,10 @@ class TempDir {
   const std::string& path() const { return m_path; }
   // path() + "/" + relative
   std::string Sub(const std::string& relative) const { return m_path + "/" + relative; }
+  // Writes `content` to each of `relatives` below the folder, making parent
+  // folders; false once one cannot be written.
+  bool WriteEach(std::initializer_list<std::string> relatives,
+                 const std::string& content = "") const;
 
  private:
   std::string m_path;

@@ -419,9 +419,7 @@ TEST(MakeDirectory, NoRightIsAccessDenied) {
 
 TEST(FileFindAll, UpperCasePatternMatchesAnyCase) {
   keeltest::TempDir dir;
-  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("Sys.LOG"), ""));
-  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("sys.log"), ""));
-  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("other.txt"), ""));
+  ASSERT_TRUE(dir.WriteEach({"Sys.LOG", "sys.log", "other.txt"}));
   std::string folder = dir.path();
   std::vector<std::string> patterns{"*.LOG"};
   std::vector<FileEntry> found;
@@ -449,8 +447,7 @@ TEST(FileFindAll, EntryFieldsAreFilled) {
 
 TEST(FileFindAll, NoMatchIsNotFoundNeverEmptySuccess) {
   keeltest::TempDir dir;
-  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("a.txt"), ""));
-  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("b.txt"), ""));
+  ASSERT_TRUE(dir.WriteEach({"a.txt", "b.txt"}));
   std::string folder = dir.path();
   std::vector<std::string> patterns{"*.log"};
   std::vector<FileEntry> found;
@@ -517,8 +514,7 @@ TEST(FileFindAll, EmptyPatternMatchesNothing) {
 
 TEST(FileFindAll, FoldersNeverAppearAndAreSkippedWithoutRecursion) {
   keeltest::TempDir dir;
-  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("top.log"), ""));
-  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("sub.log/inner.log"), ""));
+  ASSERT_TRUE(dir.WriteEach({"top.log", "sub.log/inner.log"}));
   std::string folder = dir.path();
   std::vector<std::string> patterns{"*"};
   std::vector<FileEntry> found;
@@ -528,10 +524,7 @@ TEST(FileFindAll, FoldersNeverAppearAndAreSkippedWithoutRecursion) {
 
 TEST(FileFindAll, RecursionFindsFilesInSubFolders) {
   keeltest::TempDir dir;
-  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("top.log"), ""));
-  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("a/one.log"), ""));
-  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("a/b/two.LOG"), ""));
-  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("a/b/skip.txt"), ""));
+  ASSERT_TRUE(dir.WriteEach({"top.log", "a/one.log", "a/b/two.LOG", "a/b/skip.txt"}));
   std::string folder = dir.path();
   std::vector<std::string> patterns{"*.log"};
   std::vector<FileEntry> found;
@@ -603,8 +596,7 @@ TEST(FileFindAll, DanglingLinkIsListedAsFileFromTimeZero) {
 
 TEST(FileFindAll, SymlinkLoopBelowRecursiveSearchTerminates) {
   keeltest::TempDir dir;
-  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("root/a.log"), ""));
-  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("root/sub/b.log"), ""));
+  ASSERT_TRUE(dir.WriteEach({"root/a.log", "root/sub/b.log"}));
   ASSERT_EQ(0, symlink("..", dir.Sub("root/sub/up").c_str()));
   ASSERT_EQ(0, symlink(".", dir.Sub("root/sub/self").c_str()));
   ASSERT_EQ(0, symlink(dir.Sub("root").c_str(), dir.Sub("root/sub/abs").c_str()));
@@ -634,8 +626,7 @@ TEST(FileFindAll, LinkToSiblingFolderIsSearchedAgain) {
 TEST(FileFindAll, UnreadableSubFolderIsLoggedAndPassedOver) {
   keeltest::TempDir dir;
   ASSERT_EQ(0, chmod(dir.path().c_str(), 0755));
-  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("root/a.log"), ""));
-  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("root/locked/b.log"), ""));
+  ASSERT_TRUE(dir.WriteEach({"root/a.log", "root/locked/b.log"}));
   ASSERT_EQ(0, chmod(dir.Sub("root/locked").c_str(), 0000));
   const std::string root = dir.Sub("root");
   EXPECT_UNPRIVILEGED_PASSES([&]() {
@@ -690,10 +681,7 @@ TEST(FileFindAll, UnreadableFileIsStillListed) {
 
 TEST(FileGetNewest, PicksLatestModification) {
   keeltest::TempDir dir;
-  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("a.log"), ""));
-  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("b.log"), ""));
-  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("c.log"), ""));
-  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("z.txt"), ""));
+  ASSERT_TRUE(dir.WriteEach({"a.log", "b.log", "c.log", "z.txt"}));
   SetModified(dir.Sub("a.log"), 1000);
   SetModified(dir.Sub("b.log"), 3000);
   SetModified(dir.Sub("c.log"), 2000);
@@ -726,8 +714,7 @@ TEST(FileGetNewest, EqualTimesLastListedWins) {
 
 TEST(FileGetNewest, SubFoldersAreNotSearched) {
   keeltest::TempDir dir;
-  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("old.log"), ""));
-  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("sub/new.log"), ""));
+  ASSERT_TRUE(dir.WriteEach({"old.log", "sub/new.log"}));
   SetModified(dir.Sub("old.log"), 1000);
   SetModified(dir.Sub("sub/new.log"), 2000);
   FileEntry newest;
@@ -761,9 +748,7 @@ TEST(FileGetNewest, OtherFailureIsLoggedAndReturned) {
 
 TEST(FileDeleteAll, RemovesFilesButKeepsSubFolders) {
   keeltest::TempDir dir;
-  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("box/a"), ""));
-  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("box/b"), ""));
-  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("box/sub/c"), ""));
+  ASSERT_TRUE(dir.WriteEach({"box/a", "box/b", "box/sub/c"}));
   EXPECT_EQ(0u, helperUtil::fileDeleteAll(dir.Sub("box")));
   EXPECT_EQ((std::vector<std::string>{"sub"}), keeltest::ListDir(dir.Sub("box")));
   EXPECT_EQ((std::vector<std::string>{"c"}), keeltest::ListDir(dir.Sub("box/sub")));
@@ -786,8 +771,7 @@ TEST(FileDeleteAll, FolderWithoutFilesIsNotFoundWithWarning) {
 TEST(FileDeleteAll, UndeletableFileIsRememberedAndOthersGo) {
   keeltest::TempDir dir;
   ASSERT_EQ(0, chmod(dir.path().c_str(), 0755));
-  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("box/a"), ""));
-  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("box/open/b"), ""));
+  ASSERT_TRUE(dir.WriteEach({"box/a", "box/open/b"}));
   ASSERT_EQ(0, chmod(dir.Sub("box/open").c_str(), 0777));
   const std::string box = dir.Sub("box");
   // "nobody" may empty box/open but not box itself.
@@ -831,8 +815,7 @@ TEST(FileDeleteDirectory, FolderWithFilesIsRemoved) {
 
 TEST(FileDeleteDirectory, SubFolderStaysAndResultIsUnexpected) {
   keeltest::TempDir dir;
-  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("box/a"), ""));
-  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("box/sub/b"), ""));
+  ASSERT_TRUE(dir.WriteEach({"box/a", "box/sub/b"}));
   keeltest::LogCapture log;
   EXPECT_EQ(KEELENGINE_ERROR_UNEXPECTED, helperUtil::fileDeleteDirectory(dir.Sub("box")));
   EXPECT_EQ((std::vector<std::string>{"sub"}), keeltest::ListDir(dir.Sub("box")));

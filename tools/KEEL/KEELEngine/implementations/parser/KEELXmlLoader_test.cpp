@@ -67,6 +67,15 @@ const char kConfig[] =
     "  </fileGroup>\n"
     "</config>\n";
 
+// A manager that has been given the events of `text`; the parse answers
+// `expected`.
+std::unique_ptr<KEELXmlMgr> TreeOf(const std::string& text, ResultCode expected = 0) {
+  std::unique_ptr<KEELXmlMgr> manager(new KEELXmlMgr());
+  KEELXmlParser parser(manager.get());
+  EXPECT_EQ(parser.parseMemory(text), expected) << text;
+  return manager;
+}
+
 }  // namespace
 
 // KEELXmlMgr: building trees from events.
@@ -101,42 +110,32 @@ TEST(KEELXmlMgr, EventsWithoutAnOpenElementAreDropped) {
 }
 
 TEST(KEELXmlMgr, EntityTextReachesTheTreeWithoutTheBlanksBesideIt) {
-  KEELXmlMgr manager;
-  KEELXmlParser parser(&manager);
-  ASSERT_EQ(parser.parseMemory("<a>a &amp; b</a>"), 0u);
-  EXPECT_EQ(manager.getDocument()->GetValue(), "a&b");
+  const auto manager = TreeOf("<a>a &amp; b</a>");
+  EXPECT_EQ(manager->getDocument()->GetValue(), "a&b");
 }
 
 TEST(KEELXmlMgr, WhiteSpaceBetweenChildrenAddsNothing) {
-  KEELXmlMgr manager;
-  KEELXmlParser parser(&manager);
-  ASSERT_EQ(parser.parseMemory("<a>\n  <b> x </b>\n  <c/>\n</a>"), 0u);
-  XMLObject* document = manager.getDocument();
+  const auto manager = TreeOf("<a>\n  <b> x </b>\n  <c/>\n</a>");
+  XMLObject* document = manager->getDocument();
   EXPECT_EQ(document->GetValue(), "");
   EXPECT_EQ(document->FindChild(document->GetRoot(), "b")->GetValue(), "x");
   EXPECT_EQ(document->GetCount(), 3u);
 }
 
 TEST(KEELXmlMgr, TextAroundChildrenIsJoinedWithoutSeparator) {
-  KEELXmlMgr manager;
-  KEELXmlParser parser(&manager);
-  ASSERT_EQ(parser.parseMemory("<a> one <b/> two </a>"), 0u);
-  EXPECT_EQ(manager.getDocument()->GetValue(), "onetwo");
+  const auto manager = TreeOf("<a> one <b/> two </a>");
+  EXPECT_EQ(manager->getDocument()->GetValue(), "onetwo");
 }
 
 TEST(KEELXmlMgr, CdataAndTrimmedAttributesReachTheTree) {
-  KEELXmlMgr manager;
-  KEELXmlParser parser(&manager);
-  ASSERT_EQ(parser.parseMemory("<a v=\"  a \"><![CDATA[ <x> ]]></a>"), 0u);
-  EXPECT_EQ(manager.getDocument()->GetValue(), "<x>");
-  EXPECT_EQ(manager.getDocument()->GetRoot()->FindAttribute("v")->GetValue(), "a");
+  const auto manager = TreeOf("<a v=\"  a \"><![CDATA[ <x> ]]></a>");
+  EXPECT_EQ(manager->getDocument()->GetValue(), "<x>");
+  EXPECT_EQ(manager->getDocument()->GetRoot()->FindAttribute("v")->GetValue(), "a");
 }
 
 TEST(KEELXmlMgr, FailedParseLeavesWhatCameBefore) {
-  KEELXmlMgr manager;
-  KEELXmlParser parser(&manager);
-  EXPECT_EQ(parser.parseMemory("<r><a>1</a><b>2</b><c>3</c>"), GLOBAL_ERROR_UNEXPECTED);
-  XMLObject* document = manager.getDocument();
+  const auto manager = TreeOf("<r><a>1</a><b>2</b><c>3</c>", GLOBAL_ERROR_UNEXPECTED);
+  XMLObject* document = manager->getDocument();
   ASSERT_NE(document->GetRoot(), nullptr);
   EXPECT_EQ(document->GetCount(), 4u);
   EXPECT_EQ(document->FindChild(document->GetRoot(), "c")->GetValue(), "3");
@@ -144,10 +143,7 @@ TEST(KEELXmlMgr, FailedParseLeavesWhatCameBefore) {
 
 TEST(KEELXmlMgr, LargeTextIsGatheredInOnePiece) {
   const std::string big(4 * 1024 * 1024, 'q');
-  KEELXmlMgr manager;
-  KEELXmlParser parser(&manager);
-  ASSERT_EQ(parser.parseMemory("<a>" + big + "</a>"), 0u);
-  EXPECT_EQ(manager.getDocument()->GetValue(), big);
+  EXPECT_EQ(TreeOf("<a>" + big + "</a>")->getDocument()->GetValue(), big);
 }
 
 // KEELXmlParser
@@ -257,12 +253,8 @@ TEST(KEELXmlLoader, LoadingAgainAddsToTheSameDocument) {
 
 TEST(KEELXmlLoaderFolder, FolderWithoutXmlGivesNullAndNoFailedFiles) {
   keeltest::TempDir dir;
-  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("readme.txt"), "<a/>"));
-  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("A.XML"), "<a/>"));
-  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("a.xml.bak"), "<a/>"));
-  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("a.xml.xml"), "<a/>"));
-  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("xml"), "<a/>"));
-  ASSERT_TRUE(keeltest::WriteFile(dir.Sub(".xmlx"), "<a/>"));
+  ASSERT_TRUE(
+      dir.WriteEach({"readme.txt", "A.XML", "a.xml.bak", "a.xml.xml", "xml", ".xmlx"}, "<a/>"));
   KEELXmlLoader loader;
   OwnedDocuments documents;
   keeltest::LogCapture capture;
