@@ -40,6 +40,17 @@ void BuildSample(XMLObject& document) {
   document.AddChild(protocol, "url", "u");
 }
 
+// The sample tree above in a document of its own; `root` is its "keel".
+class XMLObjectSample : public ::testing::Test {
+ protected:
+  XMLObjectSample() {
+    BuildSample(document);
+    root = document.GetRoot();
+  }
+  XMLObject document;
+  KEELComponent* root = nullptr;
+};
+
 }  // namespace
 
 TEST(XMLObject, DefaultIsEmpty) {
@@ -66,9 +77,7 @@ TEST(XMLObject, NamedHasARootOfCountOne) {
   EXPECT_EQ(document.GetRoot()->GetValue(), "w");
 }
 
-TEST(XMLObject, CountsFollowTheDocumentsOwnOperations) {
-  XMLObject document;
-  BuildSample(document);
+TEST_F(XMLObjectSample, CountsFollowTheDocumentsOwnOperations) {
   EXPECT_EQ(document.GetCount(), 8u);
   EXPECT_EQ(document.GetRoot()->GetCount(), 8u);
   document.AddToCount(2);
@@ -134,10 +143,7 @@ TEST(XMLObject, SetNameMakesAZeroCountOne) {
   EXPECT_EQ(document.GetName(), "n");
 }
 
-TEST(XMLObject, RemoveChildSubtractsThenRemoves) {
-  XMLObject document;
-  BuildSample(document);
-  KEELComponent* root = document.GetRoot();
+TEST_F(XMLObjectSample, RemoveChildSubtractsThenRemoves) {
   KEELComponent* a = root->FindChild("a");
   document.RemoveChild(root, a);
   EXPECT_EQ(document.GetCount(), 5u);
@@ -148,10 +154,7 @@ TEST(XMLObject, RemoveChildSubtractsThenRemoves) {
   EXPECT_EQ(document.GetCount(), 5u);
 }
 
-TEST(XMLObject, RemoveChildByNameOfAGrandchildLowersOnlyTheDocumentCount) {
-  XMLObject document;
-  BuildSample(document);
-  KEELComponent* root = document.GetRoot();
+TEST_F(XMLObjectSample, RemoveChildByNameOfAGrandchildLowersOnlyTheDocumentCount) {
   // The first "b" in pre-order stands below "a": it is found, its count (2)
   // is taken off the document, but the root can't remove it.
   document.RemoveChildByName(root, "b");
@@ -162,10 +165,7 @@ TEST(XMLObject, RemoveChildByNameOfAGrandchildLowersOnlyTheDocumentCount) {
   EXPECT_EQ(root->GetChildren().size(), 3u);
 }
 
-TEST(XMLObject, RemoveChildByNameOfADirectChildRemovesIt) {
-  XMLObject document;
-  BuildSample(document);
-  KEELComponent* root = document.GetRoot();
+TEST_F(XMLObjectSample, RemoveChildByNameOfADirectChildRemovesIt) {
   document.RemoveChildByName(root, "protocol");
   EXPECT_EQ(document.GetCount(), 6u);
   EXPECT_EQ(root->GetCount(), 6u);
@@ -175,9 +175,7 @@ TEST(XMLObject, RemoveChildByNameOfADirectChildRemovesIt) {
   EXPECT_EQ(document.GetCount(), 6u);
 }
 
-TEST(XMLObject, FindChildForwardsAndSkipsTheStart) {
-  XMLObject document;
-  BuildSample(document);
+TEST_F(XMLObjectSample, FindChildForwardsAndSkipsTheStart) {
   KEELComponent* found = document.FindChild(document.GetRoot(), "keel");
   ASSERT_NE(found, nullptr);
   EXPECT_EQ(found->GetValue(), "3");
@@ -192,9 +190,7 @@ TEST(XMLObject, FindChildOfTheRootNameIsNullWithoutADeeperOne) {
   EXPECT_EQ(document.FindChild(document.GetRoot(), "keel"), nullptr);
 }
 
-TEST(XMLObject, FindAllIsPreOrderWithTheStartIncluded) {
-  XMLObject document;
-  BuildSample(document);
+TEST_F(XMLObjectSample, FindAllIsPreOrderWithTheStartIncluded) {
   KEELComponentPtrList found;
   document.FindAll(document.GetRoot(), "keel", found);
   EXPECT_EQ(Values(found), (std::vector<std::string>{"0", "3"}));
@@ -208,9 +204,7 @@ TEST(XMLObject, FindAllIsPreOrderWithTheStartIncluded) {
   EXPECT_EQ(found.size(), 3u);
 }
 
-TEST(XMLObject, FindChildUnderTriesEachOuterInTurn) {
-  XMLObject document;
-  BuildSample(document);
+TEST_F(XMLObjectSample, FindChildUnderTriesEachOuterInTurn) {
   // The first "b" has no "c"; the second has.
   KEELComponent* found = document.FindChildUnder("b", "c");
   ASSERT_NE(found, nullptr);
@@ -242,9 +236,7 @@ TEST(XMLObject, AttributeOperationsForwardAndIgnoreNull) {
   EXPECT_TRUE(root->GetAttributes().empty());
 }
 
-TEST(XMLObject, ComponentConstructorCopiesASubtree) {
-  XMLObject document;
-  BuildSample(document);
+TEST_F(XMLObjectSample, ComponentConstructorCopiesASubtree) {
   KEELComponent* a = document.GetRoot()->FindChild("a");
   XMLObject cut(a);
   ASSERT_NE(cut.GetRoot(), nullptr);
@@ -259,9 +251,7 @@ TEST(XMLObject, ComponentConstructorCopiesASubtree) {
   EXPECT_EQ(none.GetCount(), 0u);
 }
 
-TEST(XMLObject, CopyIsDeep) {
-  XMLObject document;
-  BuildSample(document);
+TEST_F(XMLObjectSample, CopyIsDeep) {
   XMLObject copy(document);
   EXPECT_EQ(copy.GetCount(), 8u);
   EXPECT_NE(copy.GetRoot(), document.GetRoot());
@@ -272,19 +262,15 @@ TEST(XMLObject, CopyIsDeep) {
   EXPECT_EQ(emptyCopy.GetRoot(), nullptr);
 }
 
-TEST(XMLObject, AssignmentFromAnEmptyDocumentEmptiesTheTarget) {
-  XMLObject target;
-  BuildSample(target);
-  XMLObject empty;
-  target = empty;
-  EXPECT_EQ(target.GetRoot(), nullptr);
-  EXPECT_EQ(target.GetCount(), 0u);
-  EXPECT_EQ(target.GetName(), "");
+TEST_F(XMLObjectSample, AssignmentFromAnEmptyDocumentEmptiesTheTarget) {
+  document = XMLObject();
+  EXPECT_EQ(document.GetRoot(), nullptr);
+  EXPECT_EQ(document.GetCount(), 0u);
+  EXPECT_EQ(document.GetName(), "");
 }
 
-TEST(XMLObject, AssignmentCopiesIntoANewOrExistingRoot) {
-  XMLObject source;
-  BuildSample(source);
+TEST_F(XMLObjectSample, AssignmentCopiesIntoANewOrExistingRoot) {
+  const XMLObject& source = document;
   XMLObject noRoot;
   noRoot = source;
   ASSERT_NE(noRoot.GetRoot(), nullptr);
