@@ -20,14 +20,11 @@
 #include <cstring>
 #include <memory>
 
+#include "Common/Utility/ScopedHandles.h"
+
 extern char** environ;
 
 namespace {
-
-struct FileCloser {
-  void operator()(FILE* file) const { fclose(file); }
-};
-using FileHandle = std::unique_ptr<FILE, FileCloser>;
 
 double SecondsOf(const struct timeval& time) {
   return time.tv_sec + time.tv_usec / 1e6;

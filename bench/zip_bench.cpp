@@ -37,9 +37,14 @@
 #include <vector>
 
 #include "Common/Log/Log.h"
+#include "Common/Utility/ScopedHandles.h"
 #include "Common/Zip/CZip.h"
+#include "bench/support/LogLines.h"
 
 namespace {
+
+using benchsupport::LogLines;
+using benchsupport::WriteLogFile;
 
 constexpr double kMegabyte = 1e6;
 constexpr long kMemoryLimitKiB = 64 * 1024;
@@ -52,85 +57,6 @@ constexpr uint64_t kSmallMean = 40 * 1000;
 constexpr int kManySmallFiles = 100000;
 constexpr int kManySmallFolders = 100;
 
-struct FileCloser {
-  void operator()(FILE* file) const { fclose(file); }
-};
-using FileHandle = std::unique_ptr<FILE, FileCloser>;
-
-// Lines as a VPN client's logs have them: time, process, level, module and a
-// message of words, addresses and numbers.
-class LogTextSource {
- public:
-  explicit LogTextSource(uint32_t seed) : m_random(seed) {}
-
-  // Appends lines to `text` until it holds at least `size` bytes.
-  void fill(std::string& text, size_t size) {
-    static const char* const kLevels[] = {"DEBUG", "INFO", "INFO", "INFO", "WARNING", "ERROR"};
-    static const char* const kModules[] = {"agent",  "ui",    "dns",   "routes",
-                                           "health", "probe", "certs", "tunnel"};
-    static const char* const kWords[] = {
-        "connection",  "established", "to",        "gateway", "retrying", "after",
-        "timeout",     "of",          "the",       "policy",  "applied",  "route",
-        "added",       "for",         "interface", "tun0",    "DNS",      "server",
-        "certificate", "verified",    "session",   "closed",  "by",       "peer",
-        "keepalive",   "sent",        "received",  "packet",  "dropped",  "MTU"};
-    while (text.size() < size) {
-      m_second = (m_second + draw(3)) % 86400;
-      char head[128];
-      snprintf(head, sizeof(head),
-               "2024-03-11 %02u:%02u:%02u.%03u client[%u]: %s %s: ", m_second / 3600,
-               m_second / 60 % 60, m_second % 60, draw(1000), 1000 + draw(50), pick(kLevels),
-               pick(kModules));
-      text += head;
-      const unsigned words = 4 + draw(14);
-      for (unsigned i = 0; i < words; ++i) {
-        const unsigned kind = draw(10);
-        char word[48];
-        if (kind == 0)
-          snprintf(word, sizeof(word), "10.%u.%u.%u", draw(256), draw(256), draw(256));
-        else if (kind == 1)
-          snprintf(word, sizeof(word), "0x%08x", next());
-        else if (kind == 2)
-          snprintf(word, sizeof(word), "%u", draw(100000));
-        else
-          snprintf(word, sizeof(word), "%s", pick(kWords));
-        text += word;
-        text += i + 1 < words ? ' ' : '\n';
-      }
-    }
-  }
-
-  uint32_t next() { return static_cast<uint32_t>(m_random()); }
-  // A number below `bound`.
-  unsigned draw(unsigned bound) { return static_cast<unsigned>(m_random() % bound); }
-
- private:
-  template <size_t N>
-  const char* pick(const char* const (&list)[N]) {
-    return list[m_random() % N];
-  }
-
-  std::mt19937 m_random;
-  unsigned m_second = 0;
-};
-
-// Writes `size` bytes of log text to `path` in blocks of about 1 MiB.
-bool WriteLogFile(const std::string& path, uint64_t size, LogTextSource& source) {
-  FileHandle file(fopen(path.c_str(), "wb"));
-  if (!file)
-    return false;
-  std::string block;
-  for (uint64_t written = 0; written < size;) {
-    block.clear();
-    const uint64_t chunk = std::min<uint64_t>(size - written, 1 << 20);
-    source.fill(block, chunk);
-    if (fwrite(block.data(), 1, chunk, file.get()) != chunk)
-      return false;
-    written += chunk;
-  }
-  return fclose(file.release()) == 0;
-}
-
 struct Tree {
   int largeFiles = 0;
   int smallFiles = 0;
@@ -139,12 +65,12 @@ struct Tree {
 
 // Large files at the top, small ones in two levels of folders.
 bool MakeTree(const std::string& root, uint64_t total, uint32_t seed, Tree* tree) {
-  LogTextSource source(seed);
+  LogLines lines(seed);
   if (mkdir(root.c_str(), 0755) != 0)
     return false;
   const uint64_t largeSize = static_cast<uint64_t>(total * kLargeShare) / kLargeFiles;
   for (int i = 0; i < kLargeFiles; ++i) {
-    if (!WriteLogFile(root + "/client_" + std::to_string(i) + ".log", largeSize, source))
+    if (!WriteLogFile(root + "/client_" + std::to_string(i) + ".log", largeSize, lines))
       return false;
     ++tree->largeFiles;
     tree->bytes += largeSize;
@@ -159,11 +85,11 @@ bool MakeTree(const std::string& root, uint64_t total, uint32_t seed, Tree* tree
   for (int i = 0; tree->bytes < total; ++i) {
     // Sizes from 1 kB to about twice the mean.
     const uint64_t size =
-        std::min<uint64_t>(total - tree->bytes, 1000 + source.next() % (2 * kSmallMean - 1000));
+        std::min<uint64_t>(total - tree->bytes, 1000 + lines.draw(2 * kSmallMean - 1000));
     const int folder = i % kSmallFolders;
     const std::string path = root + "/module" + std::to_string(folder % 8) + "/run" +
                              std::to_string(folder) + "/trace_" + std::to_string(i) + ".log";
-    if (!WriteLogFile(path, size, source))
+    if (!WriteLogFile(path, size, lines))
       return false;
     ++tree->smallFiles;
     tree->bytes += size;
@@ -174,7 +100,7 @@ bool MakeTree(const std::string& root, uint64_t total, uint32_t seed, Tree* tree
 // 100,000 small files in folders of a thousand, together about `total`
 // bytes.
 bool MakeSmallTree(const std::string& root, uint64_t total, uint32_t seed, Tree* tree) {
-  LogTextSource source(seed);
+  LogLines lines(seed);
   if (mkdir(root.c_str(), 0755) != 0)
     return false;
   const uint64_t mean = std::max<uint64_t>(total / kManySmallFiles, 100);
@@ -182,8 +108,8 @@ bool MakeSmallTree(const std::string& root, uint64_t total, uint32_t seed, Tree*
     const std::string dir = root + "/part" + std::to_string(i % kManySmallFolders);
     if (i < kManySmallFolders && mkdir(dir.c_str(), 0755) != 0)
       return false;
-    const uint64_t size = mean / 2 + source.next() % mean;
-    if (!WriteLogFile(dir + "/event_" + std::to_string(i) + ".log", size, source))
+    const uint64_t size = mean / 2 + lines.draw(static_cast<unsigned>(mean));
+    if (!WriteLogFile(dir + "/event_" + std::to_string(i) + ".log", size, lines))
       return false;
     ++tree->smallFiles;
     tree->bytes += size;
