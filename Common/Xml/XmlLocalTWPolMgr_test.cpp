@@ -1,12 +1,8 @@
 #include "Common/Xml/XmlLocalTWPolMgr.h"
 
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <functional>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -603,26 +599,8 @@ TEST(LocalPolicyFolder, LoadWithoutStoragePathReturnsTheCode) {
   XmlLocalTWPolMgr::ReleaseInstance(manager);
 }
 
-// Runs `body` in a child process with a private mount namespace and an empty
-// tmpfs on /opt, so the fixed install folder can be used without touching the
-// host's. Returns the child's exit status, or -1 when the namespace can't be
-// had.
-int RunWithPrivateOpt(const std::function<int()>& body) {
-  const pid_t child = fork();
-  if (child == 0) {
-    if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) ||
-        mount("tmpfs", "/opt", "tmpfs", 0, "size=4m") != 0)
-      _exit(77);
-    _exit(body());
-  }
-  int status = 0;
-  if (child < 0 || waitpid(child, &status, 0) != child || !WIFEXITED(status))
-    return -2;
-  return WEXITSTATUS(status) == 77 ? -1 : WEXITSTATUS(status);
-}
-
 TEST(LocalPolicyFixedPath, LoadReadsTheDocumentInTheInstallFolder) {
-  const int status = RunWithPrivateOpt([] {
+  const int status = keeltest::RunWithTmpfsAt("/opt", [] {
     if (!keeltest::WriteFile("/opt/velon/tesselclient/TidewalkerLocalPolicy.xml",
                              "<TidewalkerLocalPolicy><FipsMode>true</FipsMode>"
                              "<BypassDefaultLocalization>true</BypassDefaultLocalization>"
@@ -644,13 +622,13 @@ TEST(LocalPolicyFixedPath, LoadReadsTheDocumentInTheInstallFolder) {
     CStoragePath::ReleaseInstance(storage);
     return 0;
   });
-  if (status == -1)
+  if (status == keeltest::kCannotIsolate)
     GTEST_SKIP() << "no private mount namespace here";
   EXPECT_EQ(status, 0);
 }
 
 TEST(LocalPolicyFixedPath, NoDocumentInTheInstallFolderIsNoFault) {
-  const int status = RunWithPrivateOpt([] {
+  const int status = keeltest::RunWithTmpfsAt("/opt", [] {
     CStoragePath* storage = nullptr;
     XmlLocalTWPolMgr* manager = nullptr;
     if (CStoragePath::CreateSingletonInstance(&storage) != 0 ||
@@ -665,7 +643,7 @@ TEST(LocalPolicyFixedPath, NoDocumentInTheInstallFolderIsNoFault) {
     CStoragePath::ReleaseInstance(storage);
     return 0;
   });
-  if (status == -1)
+  if (status == keeltest::kCannotIsolate)
     GTEST_SKIP() << "no private mount namespace here";
   EXPECT_EQ(status, 0);
 }

@@ -383,8 +383,7 @@ int RunWithPrivateMounts(const std::function<int()>& body) {
   fflush(nullptr);
   const pid_t pid = fork();
   if (pid == 0) {
-    if (unshare(CLONE_NEWNS) != 0 ||
-        mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+    if (!keeltest::EnterPrivateMounts())
       _exit(kChildCannotSetUp);
     _exit(body());
   }

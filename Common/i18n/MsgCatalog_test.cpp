@@ -1,15 +1,11 @@
 #include "Common/i18n/MsgCatalog.h"
 
 #include <locale.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
-#include <functional>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -340,29 +336,12 @@ TEST_F(Catalogs, WithoutStoragePathEverythingStaysEnglish) {
   EXPECT_EQ(capture.Count(kInitializedLine), 1u);
 }
 
-// Runs `body` in a child with a private mount namespace and a tmpfs on /opt.
-// Returns its exit status, or -1 when the namespace can't be had.
-int RunWithPrivateOpt(const std::function<int()>& body) {
-  const pid_t child = fork();
-  if (child == 0) {
-    if (unshare(CLONE_NEWNS) != 0 ||
-        mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        mount("tmpfs", "/opt", "tmpfs", 0, "size=4m") != 0)
-      _exit(77);
-    _exit(body());
-  }
-  int status = 0;
-  if (child < 0 || waitpid(child, &status, 0) != child || !WIFEXITED(status))
-    return -2;
-  return WEXITSTATUS(status) == 77 ? -1 : WEXITSTATUS(status);
-}
-
 TEST(MsgCatalogInstalled, CataloguesBelowTheInstallRootAreUsed) {
   TempDir dir;
   if (!UseBuiltLocale(dir.Sub("locales"), "en_US.UTF-8"))
     GTEST_SKIP() << "localedef can't build en_US.UTF-8 here";
   setenv("LC_ALL", "en_US.UTF-8", 1);
-  const int status = RunWithPrivateOpt([] {
+  const int status = keeltest::RunWithTmpfsAt("/opt", [] {
     if (!Compile({{"Hello", "Hello from en"}},
                  "/opt/velon/tesselclient/l10n/en/LC_MESSAGES/Tidewalker.mo") ||
         !Compile({{"Goodbye", "Bye from the default"}},
@@ -386,7 +365,7 @@ TEST(MsgCatalogInstalled, CataloguesBelowTheInstallRootAreUsed) {
     CStoragePath::ReleaseInstance(storage);
     return 0;
   });
-  if (status == -1)
+  if (status == keeltest::kCannotIsolate)
     GTEST_SKIP() << "no private mount namespace here";
   EXPECT_EQ(status, 0);
 }

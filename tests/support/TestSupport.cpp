@@ -2,8 +2,10 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <sched.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -234,6 +236,20 @@ int RunInChild(const std::function<int()>& body) {
   while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
   }
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+bool EnterPrivateMounts() {
+  return unshare(CLONE_NEWNS) == 0 &&
+         mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+}
+
+bool MountTmpfs(const std::string& folder) {
+  return mount("tmpfs", folder.c_str(), "tmpfs", 0, "size=4m") == 0;
+}
+
+int RunWithTmpfsAt(const std::string& folder, const std::function<int()>& body) {
+  return RunInChild(
+      [&] { return EnterPrivateMounts() && MountTmpfs(folder) ? body() : kCannotIsolate; });
 }
 
 std::string BuildDir() {

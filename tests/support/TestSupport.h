@@ -157,6 +157,17 @@ std::string TextAsNobody(const std::function<std::string()>& body);
 // Whole milliseconds since `start` on the steady clock.
 uint32_t MillisSince(std::chrono::steady_clock::time_point start);
 
+// Gives the calling process mounts of its own: a new mount namespace whose
+// changes do not reach the host. False when the host refuses it.
+bool EnterPrivateMounts();
+// Mounts an empty tmpfs of at most 4 MiB on `folder`; false on failure.
+bool MountTmpfs(const std::string& folder);
+// What RunWithTmpfsAt answers when the child cannot have its own mounts.
+constexpr int kCannotIsolate = 78;
+// RunInChild with private mounts and an empty tmpfs on `folder`, so that a
+// fixed system path can be used without touching the host's.
+int RunWithTmpfsAt(const std::string& folder, const std::function<int()>& body);
+
 // The folder holding the test binaries (the build folder's top).
 std::string BuildDir();
 

@@ -1,13 +1,9 @@
 // Which instructions a collector runs, where their files go, and what the
 // clearing variant touches.
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -416,9 +412,7 @@ TEST_F(CollectorSelection, SuccessfulCollectDropsTheSummaryDocumentAndTheRecords
 TEST_F(CollectorSelection, EmptyWorkingFolderBecomesTheFixedOne) {
   XMLObject* config = Parse(Config("", "Fixed"));
   const std::string text = keeltest::TextFromChild([&]() -> std::string {
-    if (unshare(CLONE_NEWNS) != 0 ||
-        mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        mount("tmpfs", "/tmp", "tmpfs", 0, nullptr) != 0)
+    if (!keeltest::EnterPrivateMounts() || !keeltest::MountTmpfs("/tmp"))
       return "<no namespace>";
     if (mkdir("/tmp/KEEL_Temp_Bundle", 0777) != 0)
       return "<no folder>";
