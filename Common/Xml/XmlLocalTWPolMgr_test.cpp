@@ -9,6 +9,7 @@
 
 #include "Common/Utility/InstanceSmartPtr.h"
 #include "Common/Utility/StoragePath.h"
+#include "Common/Xml/xml_testsupport.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
@@ -606,46 +607,34 @@ TEST(LocalPolicyFixedPath, LoadReadsTheDocumentInTheInstallFolder) {
                              "<BypassDefaultLocalization>true</BypassDefaultLocalization>"
                              "</TidewalkerLocalPolicy>"))
       return 1;
-    CStoragePath* storage = nullptr;
-    XmlLocalTWPolMgr* manager = nullptr;
-    if (CStoragePath::CreateSingletonInstance(&storage) != 0 ||
-        XmlLocalTWPolMgr::CreateSingletonInstance(&manager) != 0)
+    xmltest::PolicySingletons singletons;
+    if (!singletons.ok())
       return 2;
     LogCapture capture;
-    if (manager->LoadLocalTidewalkerPolicy() != 0)
+    if (singletons.manager()->LoadLocalTidewalkerPolicy() != 0)
       return 3;
     if (!capture.Contains("\nFIPS mode is enabled."))
       return 4;
-    if (!manager->getLocalPolicyInfo().getBypassDefaultLocalization())
+    if (!singletons.manager()->getLocalPolicyInfo().getBypassDefaultLocalization())
       return 5;
-    XmlLocalTWPolMgr::ReleaseInstance(manager);
-    CStoragePath::ReleaseInstance(storage);
     return 0;
   });
-  if (status == keeltest::kCannotIsolate)
-    GTEST_SKIP() << "no private mount namespace here";
-  EXPECT_EQ(status, 0);
+  KEEL_EXPECT_ISOLATED_CHILD_PASSED(status);
 }
 
 TEST(LocalPolicyFixedPath, NoDocumentInTheInstallFolderIsNoFault) {
   const int status = keeltest::RunWithTmpfsAt("/opt", [] {
-    CStoragePath* storage = nullptr;
-    XmlLocalTWPolMgr* manager = nullptr;
-    if (CStoragePath::CreateSingletonInstance(&storage) != 0 ||
-        XmlLocalTWPolMgr::CreateSingletonInstance(&manager) != 0)
+    xmltest::PolicySingletons singletons;
+    if (!singletons.ok())
       return 2;
     LogCapture capture;
-    if (manager->LoadLocalTidewalkerPolicy() != 0)
+    if (singletons.manager()->LoadLocalTidewalkerPolicy() != 0)
       return 3;
     if (!capture.logger().Records().empty())
       return 4;
-    XmlLocalTWPolMgr::ReleaseInstance(manager);
-    CStoragePath::ReleaseInstance(storage);
     return 0;
   });
-  if (status == keeltest::kCannotIsolate)
-    GTEST_SKIP() << "no private mount namespace here";
-  EXPECT_EQ(status, 0);
+  KEEL_EXPECT_ISOLATED_CHILD_PASSED(status);
 }
 
 }  // namespace

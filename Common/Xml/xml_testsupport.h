@@ -1,10 +1,13 @@
-// What the XML tests share: a manager that records every event it is given.
+// What the XML tests share: a manager that records every event it is given,
+// and the policy singletons held as a program holds them.
 #ifndef COMMON_XML_XML_TESTSUPPORT_H_
 #define COMMON_XML_XML_TESTSUPPORT_H_
 
 #include <string>
 #include <vector>
 
+#include "Common/Utility/StoragePath.h"
+#include "Common/Xml/XmlLocalTWPolMgr.h"
 #include "Common/Xml/XmlMgr.h"
 
 namespace xmltest {
@@ -27,6 +30,31 @@ class RecordingXmlMgr : public XmlMgr {
     return count;
   }
   std::vector<std::string> events;
+};
+
+// The storage-path and local-policy singletons for the life of the object,
+// as a program that reads the installed policy holds them. ok() is false
+// when either cannot be made; what was made is given back either way.
+class PolicySingletons {
+ public:
+  PolicySingletons() {
+    m_ok = CStoragePath::CreateSingletonInstance(&m_storage) == 0 &&
+           XmlLocalTWPolMgr::CreateSingletonInstance(&m_manager) == 0;
+  }
+  ~PolicySingletons() {
+    XmlLocalTWPolMgr::ReleaseInstance(m_manager);
+    CStoragePath::ReleaseInstance(m_storage);
+  }
+  PolicySingletons(const PolicySingletons&) = delete;
+  PolicySingletons& operator=(const PolicySingletons&) = delete;
+
+  bool ok() const { return m_ok; }
+  XmlLocalTWPolMgr* manager() const { return m_manager; }
+
+ private:
+  CStoragePath* m_storage = nullptr;
+  XmlLocalTWPolMgr* m_manager = nullptr;
+  bool m_ok = false;
 };
 
 }  // namespace xmltest

@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "Common/Xml/XmlLocalTWPolMgr.h"
+#include "Common/Xml/xml_testsupport.h"
 #include "Common/i18n/CatalogTestFiles.h"
 #include "Common/i18n/MoCatalog.h"
 #include "tests/support/TestSupport.h"
@@ -347,11 +348,8 @@ TEST(MsgCatalogInstalled, CataloguesBelowTheInstallRootAreUsed) {
         !Compile({{"Goodbye", "Bye from the default"}},
                  "/opt/velon/tesselclient/resources/l10n/en/LC_MESSAGES/TesselClientDefault.mo"))
       return 1;
-    CStoragePath* storage = nullptr;
-    XmlLocalTWPolMgr* policy = nullptr;
-    if (CStoragePath::CreateSingletonInstance(&storage) != 0 ||
-        XmlLocalTWPolMgr::CreateSingletonInstance(&policy) != 0 ||
-        policy->LoadLocalTidewalkerPolicy() != 0)
+    xmltest::PolicySingletons singletons;
+    if (!singletons.ok() || singletons.manager()->LoadLocalTidewalkerPolicy() != 0)
       return 2;
     std::string hello;
     std::string goodbye;
@@ -361,13 +359,9 @@ TEST(MsgCatalogInstalled, CataloguesBelowTheInstallRootAreUsed) {
       return 3;
     if (goodbye != "Bye from the default")
       return 4;
-    XmlLocalTWPolMgr::ReleaseInstance(policy);
-    CStoragePath::ReleaseInstance(storage);
     return 0;
   });
-  if (status == keeltest::kCannotIsolate)
-    GTEST_SKIP() << "no private mount namespace here";
-  EXPECT_EQ(status, 0);
+  KEEL_EXPECT_ISOLATED_CHILD_PASSED(status);
 }
 
 }  // namespace

@@ -25,6 +25,16 @@
 #define KEEL_SKIP_UNDER_ADDRESS_SANITIZER() static_cast<void>(0)
 #endif
 
+// For a child run by keeltest::RunWithTmpfsAt: skips the running test when
+// the child could not have mounts of its own, and otherwise expects the
+// child's exit status to be 0.
+#define KEEL_EXPECT_ISOLATED_CHILD_PASSED(status)        \
+  do {                                                   \
+    if ((status) == keeltest::kCannotIsolate)            \
+      GTEST_SKIP() << "no private mount namespace here"; \
+    EXPECT_EQ((status), 0);                              \
+  } while (0)
+
 namespace keeltest {
 
 // A fresh folder below /tmp, removed with everything in it on destruction
