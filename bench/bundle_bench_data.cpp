@@ -22,6 +22,7 @@
 namespace {
 
 using benchsupport::LogLines;
+using benchsupport::TreeCounts;
 using benchsupport::WriteLogFile;
 
 constexpr double kMegabyte = 1e6;
@@ -57,13 +58,7 @@ std::string TargetFolder(const std::string& root, int folder, int index) {
   return path;
 }
 
-struct Counts {
-  int largeFiles = 0;
-  int smallFiles = 0;
-  uint64_t bytes = 0;
-};
-
-bool MakeTree(const std::string& root, uint64_t total, uint32_t seed, Counts* counts) {
+bool MakeTree(const std::string& root, uint64_t total, uint32_t seed, TreeCounts* counts) {
   LogLines lines(seed);
   if (!MakeFolder(root))
     return false;
@@ -115,7 +110,7 @@ int main(int argc, char** argv) {
     fprintf(stderr, "megabytes must be a whole number above 0\n");
     return 1;
   }
-  Counts counts;
+  TreeCounts counts;
   if (!MakeTree(root, megabytes * 1000 * 1000, seed, &counts)) {
     fprintf(stderr, "could not make the tree below %s\n", root.c_str());
     return 1;

@@ -44,6 +44,7 @@
 namespace {
 
 using benchsupport::LogLines;
+using benchsupport::TreeCounts;
 using benchsupport::WriteLogFile;
 
 constexpr double kMegabyte = 1e6;
@@ -57,14 +58,8 @@ constexpr uint64_t kSmallMean = 40 * 1000;
 constexpr int kManySmallFiles = 100000;
 constexpr int kManySmallFolders = 100;
 
-struct Tree {
-  int largeFiles = 0;
-  int smallFiles = 0;
-  uint64_t bytes = 0;
-};
-
 // Large files at the top, small ones in two levels of folders.
-bool MakeTree(const std::string& root, uint64_t total, uint32_t seed, Tree* tree) {
+bool MakeTree(const std::string& root, uint64_t total, uint32_t seed, TreeCounts* tree) {
   LogLines lines(seed);
   if (mkdir(root.c_str(), 0755) != 0)
     return false;
@@ -99,7 +94,7 @@ bool MakeTree(const std::string& root, uint64_t total, uint32_t seed, Tree* tree
 
 // 100,000 small files in folders of a thousand, together about `total`
 // bytes.
-bool MakeSmallTree(const std::string& root, uint64_t total, uint32_t seed, Tree* tree) {
+bool MakeSmallTree(const std::string& root, uint64_t total, uint32_t seed, TreeCounts* tree) {
   LogLines lines(seed);
   if (mkdir(root.c_str(), 0755) != 0)
     return false;
@@ -118,7 +113,7 @@ bool MakeSmallTree(const std::string& root, uint64_t total, uint32_t seed, Tree*
 }
 
 // One sparse file of `total` zero bytes.
-bool MakeSingleFile(const std::string& root, uint64_t total, Tree* tree) {
+bool MakeSingleFile(const std::string& root, uint64_t total, TreeCounts* tree) {
   if (mkdir(root.c_str(), 0755) != 0)
     return false;
   const std::string path = root + "/zeros.bin";
@@ -218,7 +213,7 @@ int main(int argc, char** argv) {
   const std::string root = work + "/tree";
   const std::string theirs = work + "/zip.zip";
 
-  Tree tree;
+  TreeCounts tree;
   printf("Making %llu MB (%s) below %s (seed %u)...\n", static_cast<unsigned long long>(megabytes),
          shape.c_str(), work.c_str(), seed);
   const uint64_t total = megabytes * 1000 * 1000;

@@ -1,4 +1,5 @@
-// What the benchmarks share: log-like text from a fixed seed, and files of it.
+// What the benchmarks share: log-like text from a fixed seed, files of it,
+// and the counts of a tree of such files.
 #ifndef BENCH_SUPPORT_LOGLINES_H_
 #define BENCH_SUPPORT_LOGLINES_H_
 
@@ -30,6 +31,13 @@ class LogLines {
 
   std::mt19937 m_random;
   uint64_t m_millis = 0;
+};
+
+// What a benchmark tree holds, counted as its files are written.
+struct TreeCounts {
+  int largeFiles = 0;
+  int smallFiles = 0;
+  uint64_t bytes = 0;
 };
 
 // Writes exactly `size` bytes of log lines to `path`, in blocks of 1 MiB; the
