@@ -77,6 +77,30 @@ class TruncatorTest : public ::testing::Test {
     return record;
   }
 
+  // Runs the truncator's whole pass over `records`.
+  ResultCode Perform(TruncAttrsList& records) {
+    truncator cutter(records, summary.get());
+    return cutter.perform();
+  }
+
+  // The rows of the included files in the summary so far.
+  std::vector<Entry> Included() const {
+    return EntriesOf(*summary, "Manifest_Included", "file_size");
+  }
+
+  // The names of the included files, in summary order.
+  std::vector<std::string> IncludedNames() const {
+    std::vector<std::string> names;
+    for (const Entry& entry : Included())
+      names.push_back(entry.value);
+    return names;
+  }
+
+  // The rows of the files left out, with their reasons.
+  std::vector<Entry> NotIncluded() const {
+    return EntriesOf(*summary, "Manifest_Not_Included", "reason");
+  }
+
   TempDir dir;
   // The cutting functions go through a scratch file in the current folder;
   // each test keeps its own, so that tests running at once never share it.
@@ -89,7 +113,7 @@ TEST_F(TruncatorTest, NoneListGoesThroughBothOperationsWithoutNoteOrDeletion) {
                             File("a", "a.log", 2000, TRUNC_NONE, 0)};
   truncator lister(records, summary.get());
   EXPECT_EQ(lister.noTruncate(), 0u);
-  auto listed = EntriesOf(*summary, "Manifest_Included", "file_size");
+  auto listed = Included();
   ASSERT_EQ(listed.size(), 2u);
   // noTruncate keeps the list order and sorts nothing.
   EXPECT_EQ(listed[0].id, "b");
@@ -132,9 +156,8 @@ TEST_F(TruncatorTest, SortPutsAPrefixFirstAndComparesExactly) {
 TEST_F(TruncatorTest, EqualIdAndSizeKeepTheirOrder) {
   TruncAttrsList records = {File("x", "first", 4, TRUNC_NONE, 0),
                             File("x", "second", 4, TRUNC_NONE, 0)};
-  truncator cutter(records, summary.get());
-  cutter.perform();
-  auto listed = EntriesOf(*summary, "Manifest_Included", "file_size");
+  Perform(records);
+  auto listed = Included();
   ASSERT_EQ(listed.size(), 2u);
   EXPECT_EQ(listed[0].value, "first");
   EXPECT_EQ(listed[1].value, "second");
@@ -144,14 +167,13 @@ TEST_F(TruncatorTest, WholeKeepsGreedilyLargestFirst) {
   TruncAttrsList records = {File("w", "small", 20, TRUNC_WHOLE, 100),
                             File("w", "big", 80, TRUNC_WHOLE, 100),
                             File("w", "mid", 30, TRUNC_WHOLE, 100)};
-  truncator cutter(records, summary.get());
-  EXPECT_EQ(cutter.perform(), 0u);
-  auto kept = EntriesOf(*summary, "Manifest_Included", "file_size");
+  EXPECT_EQ(Perform(records), 0u);
+  auto kept = Included();
   ASSERT_EQ(kept.size(), 2u);
   EXPECT_EQ(kept[0].value, "big");
   EXPECT_EQ(kept[0].description, "desc big; see note *1");
   EXPECT_EQ(kept[1].value, "small");  // 80 + 20 fills the 100 exactly
-  auto dropped = EntriesOf(*summary, "Manifest_Not_Included", "reason");
+  auto dropped = NotIncluded();
   ASSERT_EQ(dropped.size(), 1u);
   EXPECT_EQ(dropped[0].id, "w");
   EXPECT_EQ(dropped[0].value, "mid");
@@ -167,9 +189,8 @@ TEST_F(TruncatorTest, WholeKeepsGreedilyLargestFirst) {
 
 TEST_F(TruncatorTest, WholeWithLimitZeroKeepsAnEmptyFile) {
   TruncAttrsList records = {File("w", "empty", 0, TRUNC_WHOLE, 0)};
-  truncator cutter(records, summary.get());
-  cutter.perform();
-  EXPECT_EQ(EntriesOf(*summary, "Manifest_Included", "file_size").size(), 1u);
+  Perform(records);
+  EXPECT_EQ(Included().size(), 1u);
   EXPECT_TRUE(PathExists(dir.Sub("empty")));
 }
 
@@ -177,12 +198,11 @@ TEST_F(TruncatorTest, MixedSchemesRejectTheOtherAsInternalError) {
   keeltest::LogCapture capture;
   TruncAttrsList records = {File("m", "large", 50, TRUNC_NONE, 0),
                             File("m", "smaller", 10, TRUNC_WHOLE, 100)};
-  truncator cutter(records, summary.get());
-  cutter.perform();
-  auto kept = EntriesOf(*summary, "Manifest_Included", "file_size");
+  Perform(records);
+  auto kept = Included();
   ASSERT_EQ(kept.size(), 1u);
   EXPECT_EQ(kept[0].value, "large");
-  auto dropped = EntriesOf(*summary, "Manifest_Not_Included", "reason");
+  auto dropped = NotIncluded();
   ASSERT_EQ(dropped.size(), 1u);
   EXPECT_EQ(dropped[0].value, "smaller");
   EXPECT_EQ(dropped[0].last, "Internal error");
@@ -194,11 +214,10 @@ TEST_F(TruncatorTest, MixedSchemesRejectTheOtherAsInternalError) {
 TEST_F(TruncatorTest, DataShrinksInProportion) {
   TruncAttrsList records = {File("d", "three", 300, TRUNC_DATA, 100, TRUNC_END),
                             File("d", "one", 100, TRUNC_DATA, 100, TRUNC_END)};
-  truncator cutter(records, summary.get());
-  EXPECT_EQ(cutter.perform(), 0u);
+  EXPECT_EQ(Perform(records), 0u);
   EXPECT_EQ(ReadFile(dir.Sub("three")).size(), 75u);
   EXPECT_EQ(ReadFile(dir.Sub("one")).size(), 25u);
-  auto listed = EntriesOf(*summary, "Manifest_Included", "file_size");
+  auto listed = Included();
   ASSERT_EQ(listed.size(), 2u);
   EXPECT_EQ(listed[0].description, "desc three; see Note *2");
   EXPECT_EQ(listed[0].last, "300 bytes");  // the size from before the cut
@@ -209,8 +228,7 @@ TEST_F(TruncatorTest, DataRoundsEveryShareDown) {
   TruncAttrsList records = {File("d", "a", 7, TRUNC_DATA, 10, TRUNC_END),
                             File("d", "b", 7, TRUNC_DATA, 10, TRUNC_END),
                             File("d", "c", 7, TRUNC_DATA, 10, TRUNC_END)};
-  truncator cutter(records, summary.get());
-  cutter.perform();
+  Perform(records);
   EXPECT_EQ(ReadFile(dir.Sub("a")), "abc");
   EXPECT_EQ(ReadFile(dir.Sub("b")), "abc");
   EXPECT_EQ(ReadFile(dir.Sub("c")), "abc");
@@ -223,8 +241,7 @@ TEST_F(TruncatorTest, DataShareIsCutTowardsZeroNotRounded) {
                             File("d", "large", 20, TRUNC_DATA, 10, TRUNC_END)};
   records.front().size = 1;
   records.back().size = 2;
-  truncator cutter(records, summary.get());
-  EXPECT_EQ(cutter.perform(), 0u);
+  EXPECT_EQ(Perform(records), 0u);
   EXPECT_EQ(ReadFile(dir.Sub("small")), "abc");
   EXPECT_EQ(ReadFile(dir.Sub("large")), "abcdef");
 }
@@ -233,21 +250,16 @@ TEST_F(TruncatorTest, WholeRunningTotalStartsAgainAtEachId) {
   // 80 + 50 would pass one allowance of 100, but each id has its own.
   TruncAttrsList records = {File("a", "a.log", 80, TRUNC_WHOLE, 100),
                             File("b", "b.log", 50, TRUNC_WHOLE, 100)};
-  truncator cutter(records, summary.get());
-  EXPECT_EQ(cutter.perform(), 0u);
-  auto kept = EntriesOf(*summary, "Manifest_Included", "file_size");
-  ASSERT_EQ(kept.size(), 2u);
-  EXPECT_EQ(kept[0].value, "a.log");
-  EXPECT_EQ(kept[1].value, "b.log");
-  EXPECT_TRUE(EntriesOf(*summary, "Manifest_Not_Included", "reason").empty());
+  EXPECT_EQ(Perform(records), 0u);
+  EXPECT_EQ(IncludedNames(), (std::vector<std::string>{"a.log", "b.log"}));
+  EXPECT_TRUE(NotIncluded().empty());
   EXPECT_TRUE(PathExists(dir.Sub("a.log")));
   EXPECT_TRUE(PathExists(dir.Sub("b.log")));
 }
 
 TEST_F(TruncatorTest, DataFrontKeepsTheTailAndItsExtraByte) {
   TruncAttrsList records = {File("d", "f", 100, TRUNC_DATA, 10, TRUNC_FRONT)};
-  truncator cutter(records, summary.get());
-  cutter.perform();
+  Perform(records);
   const std::string cut = ReadFile(dir.Sub("f"));
   ASSERT_EQ(cut.size(), 11u);
   EXPECT_EQ(static_cast<unsigned char>(cut.back()), 0xFFu);
@@ -255,8 +267,7 @@ TEST_F(TruncatorTest, DataFrontKeepsTheTailAndItsExtraByte) {
 
 TEST_F(TruncatorTest, DataWithoutDirectionWarnsAndCutsTheEnd) {
   TruncAttrsList records = {File("d", "n.log", 20, TRUNC_DATA, 5, TRUNC_NONE)};
-  truncator cutter(records, summary.get());
-  cutter.perform();
+  Perform(records);
   EXPECT_EQ(ReadFile(dir.Sub("n.log")), "abcde");
   EXPECT_EQ(Notes(*summary),
             (std::vector<std::string>{
@@ -272,8 +283,7 @@ TEST_F(TruncatorTest, EachNoteOnceAndWholeBeforeData) {
                             File("d", "d2", 10, TRUNC_DATA, 10, TRUNC_END),
                             File("w", "w1", 10, TRUNC_WHOLE, 100),
                             File("w", "w2", 10, TRUNC_WHOLE, 100)};
-  truncator cutter(records, summary.get());
-  cutter.perform();
+  Perform(records);
   EXPECT_EQ(Notes(*summary),
             (std::vector<std::string>{truncator::kNoteWhole, truncator::kNoteData}));
 }
@@ -281,10 +291,9 @@ TEST_F(TruncatorTest, EachNoteOnceAndWholeBeforeData) {
 TEST_F(TruncatorTest, UnknownSchemeDropsTheFile) {
   keeltest::LogCapture capture;
   TruncAttrsList records = {File("u", "odd", 5, TRUNC_END, 0)};
-  truncator cutter(records, summary.get());
-  cutter.perform();
+  Perform(records);
   EXPECT_FALSE(PathExists(dir.Sub("odd")));
-  auto dropped = EntriesOf(*summary, "Manifest_Not_Included", "reason");
+  auto dropped = NotIncluded();
   ASSERT_EQ(dropped.size(), 1u);
   EXPECT_EQ(dropped[0].last, "Internal error");
   EXPECT_TRUE(capture.Contains("Lost fileID for file: \"" + dir.Sub("odd") + "\""));
