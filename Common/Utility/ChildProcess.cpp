@@ -32,6 +32,9 @@ void PrepareChildProcess() {
 }
 
 pid_t ForkChildProcess() {
+  // The child starts with its copy of the guard's lock taken, and its own
+  // release of the hold may not free it. That is harmless: a child only
+  // prepares itself and execs or exits, and never calls the guard.
   CInterruptGuard::Hold hold;
   const pid_t child = fork();
   const int error = errno;

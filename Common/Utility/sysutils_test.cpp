@@ -22,11 +22,7 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-long ElapsedMillis(Clock::time_point since) {
-  return static_cast<long>(
-      std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - since).count());
-}
+using keeltest::MillisSince;
 
 timeval Tv(time_t seconds, suseconds_t micros) {
   timeval value{};
@@ -201,13 +197,13 @@ TEST(GetTickMillis, FollowsTheWallClockIn32Bits) {
 TEST(SleepMillis, SleepsAtLeastTheTimeGiven) {
   const auto start = Clock::now();
   sleepMillis(30);
-  EXPECT_GE(ElapsedMillis(start), 30);
+  EXPECT_GE(MillisSince(start), 30u);
 }
 
 TEST(SleepMillis, ZeroReturnsAtOnce) {
   const auto start = Clock::now();
   sleepMillis(0);
-  EXPECT_LT(ElapsedMillis(start), 20);
+  EXPECT_LT(MillisSince(start), 20u);
 }
 
 namespace {
@@ -333,7 +329,7 @@ TEST(VvcSelect, NullTimeoutReturnsAtOnceWhenNothingIsReady) {
   FD_SET(channel.reader(), &readable);
   const auto start = Clock::now();
   EXPECT_EQ(vvc_select(channel.reader() + 1, &readable, nullptr, nullptr, nullptr), 0);
-  EXPECT_LT(ElapsedMillis(start), 50);
+  EXPECT_LT(MillisSince(start), 50u);
   EXPECT_FALSE(FD_ISSET(channel.reader(), &readable));
 }
 
@@ -355,7 +351,7 @@ TEST(VvcSelect, TimesOutAfterTheTimeGiven) {
   timeval timeout = Tv(0, 40000);
   const auto start = Clock::now();
   EXPECT_EQ(vvc_select(channel.reader() + 1, &readable, nullptr, nullptr, &timeout), 0);
-  const long elapsed = ElapsedMillis(start);
+  const long elapsed = MillisSince(start);
   EXPECT_GE(elapsed, 39);
   EXPECT_LT(elapsed, 1000);
 }
@@ -372,7 +368,7 @@ TEST(VvcSelect, InterruptedBySignalWaitsOnlyForTheRest) {
   std::thread sender = SignalLater(pthread_self(), 490);
   const auto start = Clock::now();
   const int result = vvc_select(channel.reader() + 1, &readable, nullptr, nullptr, &timeout);
-  const long elapsed = ElapsedMillis(start);
+  const long elapsed = MillisSince(start);
   sender.join();
   EXPECT_EQ(result, 0);
   EXPECT_EQ(g_signalsSeen.load(), 1);
@@ -397,7 +393,7 @@ TEST(VvcSelect, InterruptedThenDataArrives) {
   });
   const auto start = Clock::now();
   const int result = vvc_select(channel.reader() + 1, &readable, nullptr, nullptr, &timeout);
-  const long elapsed = ElapsedMillis(start);
+  const long elapsed = MillisSince(start);
   helper.join();
   EXPECT_EQ(result, 1);
   EXPECT_TRUE(FD_ISSET(channel.reader(), &readable));

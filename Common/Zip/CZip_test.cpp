@@ -2,10 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <grp.h>
-#include <sched.h>
 #include <signal.h>
-#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -36,14 +33,16 @@
 
 namespace {
 
+using keeltest::kNobody;
 using keeltest::LogCapture;
 using keeltest::ReadFile;
+using keeltest::RunAsNobody;
 using keeltest::TempDir;
 using keeltest::WriteFile;
 
-constexpr uid_t kNobody = 65534;
-// The exit status of a child that could not set up what the test needs.
-constexpr int kChildCannotSetUp = 77;
+// The exit status of a child that could not set up what the test needs; the
+// kit's runner as nobody answers the same when it cannot change user.
+constexpr int kChildCannotSetUp = keeltest::kCannotBecomeNobody;
 
 // ---------------------------------------------------------------------------
 // Files and trees.
@@ -363,31 +362,11 @@ int WaitFor(pid_t pid) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-// Runs `body` in a child process as user and group 65534, so that file
-// rights apply (root reads anything). Returns its exit status;
-// kChildCannotSetUp when the identity could not be taken.
-int RunAsNobody(const std::function<int()>& body) {
-  fflush(nullptr);
-  const pid_t pid = fork();
-  if (pid == 0) {
-    if (setgroups(0, nullptr) != 0 || setgid(kNobody) != 0 || setuid(kNobody) != 0)
-      _exit(kChildCannotSetUp);
-    _exit(body());
-  }
-  return pid < 0 ? -1 : WaitFor(pid);
-}
-
 // Runs `body` in a child process with a private mount namespace, so that
 // what it mounts goes away with it.
 int RunWithPrivateMounts(const std::function<int()>& body) {
-  fflush(nullptr);
-  const pid_t pid = fork();
-  if (pid == 0) {
-    if (!keeltest::EnterPrivateMounts())
-      _exit(kChildCannotSetUp);
-    _exit(body());
-  }
-  return pid < 0 ? -1 : WaitFor(pid);
+  return keeltest::RunInChild(
+      [&] { return keeltest::EnterPrivateMounts() ? body() : kChildCannotSetUp; });
 }
 
 long PeakResidentKiB() {
@@ -1266,7 +1245,7 @@ TEST(CZip, FullDiskLeavesThePathAsItWasAndNoOtherFile) {
   ASSERT_TRUE(MakeDir(small));
   LogCapture capture;
   const int status = RunWithPrivateMounts([&] {
-    if (mount("tmpfs", small.c_str(), "tmpfs", 0, "size=64k") != 0)
+    if (!keeltest::MountTmpfs(small, "64k"))
       return kChildCannotSetUp;
     // Every way of writing: plain, encrypted, and on workers.
     const std::vector<std::pair<unsigned, std::string>> ways = {

@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <grp.h>
 #include <sched.h>
 #include <stdlib.h>
 #include <string.h>
@@ -243,8 +244,8 @@ bool EnterPrivateMounts() {
          mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
 }
 
-bool MountTmpfs(const std::string& folder) {
-  return mount("tmpfs", folder.c_str(), "tmpfs", 0, "size=4m") == 0;
+bool MountTmpfs(const std::string& folder, const std::string& size) {
+  return mount("tmpfs", folder.c_str(), "tmpfs", 0, ("size=" + size).c_str()) == 0;
 }
 
 int RunWithTmpfsAt(const std::string& folder, const std::function<int()>& body) {
@@ -286,9 +287,11 @@ std::string TextFromChild(const std::function<std::string()>& body) {
 
 namespace {
 
+// Supplementary groups go first: root's would otherwise stay and grant
+// group rights the user does not have.
 bool BecomeNobody() {
-  return setgid(kNobody) == 0 && setuid(kNobody) == 0 && getuid() == kNobody &&
-         geteuid() == kNobody;
+  return setgroups(0, nullptr) == 0 && setgid(kNobody) == 0 && setuid(kNobody) == 0 &&
+         getuid() == kNobody && geteuid() == kNobody;
 }
 
 }  // namespace

@@ -4,9 +4,9 @@
 #define TESTS_SUPPORT_TESTSUPPORT_H_
 
 #include <sys/types.h>
+
 #include <chrono>
 #include <cstdint>
-
 #include <functional>
 #include <initializer_list>
 #include <memory>
@@ -159,8 +159,8 @@ std::string TextFromChild(const std::function<std::string()>& body);
 constexpr uid_t kNobody = 65534;
 // What RunAsNobody answers when the child cannot become that user.
 constexpr int kCannotBecomeNobody = 77;
-// RunInChild and TextFromChild as kNobody: gid and uid both changed
-// first. "<no setuid>" from TextAsNobody when that fails.
+// RunInChild and TextFromChild as kNobody: supplementary groups dropped,
+// gid and uid changed first. "<no setuid>" from TextAsNobody when that fails.
 int RunAsNobody(const std::function<int()>& body);
 std::string TextAsNobody(const std::function<std::string()>& body);
 
@@ -170,8 +170,9 @@ uint32_t MillisSince(std::chrono::steady_clock::time_point start);
 // Gives the calling process mounts of its own: a new mount namespace whose
 // changes do not reach the host. False when the host refuses it.
 bool EnterPrivateMounts();
-// Mounts an empty tmpfs of at most 4 MiB on `folder`; false on failure.
-bool MountTmpfs(const std::string& folder);
+// Mounts an empty tmpfs of at most `size` (as mount takes it: "4m", "64k")
+// on `folder`; false on failure.
+bool MountTmpfs(const std::string& folder, const std::string& size = "4m");
 // What RunWithTmpfsAt answers when the child cannot have its own mounts.
 constexpr int kCannotIsolate = 78;
 // RunInChild with private mounts and an empty tmpfs on `folder`, so that a

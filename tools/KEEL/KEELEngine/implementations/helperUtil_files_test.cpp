@@ -20,9 +20,6 @@
 
 namespace {
 
-constexpr uid_t kNobody = 65534;
-constexpr int kSkipStatus = 77;
-
 bool Logged(keeltest::LogCapture& log, uint32_t level, const std::string& text) {
   for (const keeltest::LogRecord& record : log.logger().Records()) {
     if (record.level == level && record.message.find(text) != std::string::npos)
@@ -51,27 +48,13 @@ void SetModified(const std::string& path, time_t when) {
   ASSERT_EQ(0, utimes(path.c_str(), times));
 }
 
-// Runs `body` in a child process that has given up root for "nobody", where
-// file rights count. The child's result: 0 passed, kSkipStatus when the
-// identity can't be changed, anything else names the failed check.
-int RunUnprivileged(const std::function<int()>& body) {
-  fflush(stdout);
-  const pid_t child = fork();
-  if (child == 0) {
-    if (setgid(kNobody) != 0 || setuid(kNobody) != 0)
-      _exit(kSkipStatus);
-    _exit(body());
-  }
-  int status = 0;
-  if (child < 0 || waitpid(child, &status, 0) != child)
-    return -1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
+// Runs `body` as "nobody", where file rights count, and expects it to pass:
+// 0 passed, anything else names the failed check. Skips where the identity
+// can't be changed.
 #define EXPECT_UNPRIVILEGED_PASSES(body)                                    \
   do {                                                                      \
-    const int status_ = RunUnprivileged(body);                              \
-    if (status_ == kSkipStatus)                                             \
+    const int status_ = keeltest::RunAsNobody(body);                        \
+    if (status_ == keeltest::kCannotBecomeNobody)                           \
       GTEST_SKIP() << "cannot change to an unprivileged user";              \
     EXPECT_EQ(0, status_) << "check " << status_ << " failed in the child"; \
   } while (0)
