@@ -1,0 +1,85 @@
+// TrustedPath: reaching a file or folder by path the way a program running
+// as root must when other users may own folders and links on that path.
+//
+// A path string names whatever the file system shows at the moment it is
+// resolved, and any user who can write a folder on the way can change that:
+// swap a folder for a link to a root-only folder, plant a link at a log's
+// name, put a FIFO where a file was. So the tool never hands such a path to
+// open(), stat() or unlink() whole. It walks it from an opened folder, one
+// component at a time, with openat(O_NOFOLLOW), and decides at each step
+// whether the step can be trusted:
+//
+//  - A symbolic link is followed only when it is owned by root or by the
+//    owner of the folder it sits in (the kernel's rule for protected links
+//    in shared folders, applied everywhere).
+//  - Once the walk has passed through a folder or a link owned by a user
+//    other than root (that user "steers" the rest of the walk), every later
+//    folder and link must belong to that same user. A user's link or folder
+//    that leads into a folder of root's or of a third user is refused.
+//  - A file reached while a user steers the walk must belong to that user,
+//    or be readable by every user: nothing the steering user could not read
+//    is handed out.
+//  - Only the last component is opened for use, and only after fstat shows
+//    the kind that was asked for (a regular file, a folder). Files are
+//    opened O_NONBLOCK, so a FIFO swapped in can never block the run.
+//
+// A refusal carries an errno-style code (ELOOP for a link not followed,
+// EPERM for an untrusted step, EINVAL for the wrong kind of file, or what
+// the system answered) and a reason in words for the summary.
+//
+// Every function is thread-safe: a walk holds only its own descriptors.
+#ifndef COMMON_UTILITY_TRUSTEDPATH_H_
+#define COMMON_UTILITY_TRUSTEDPATH_H_
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <string>
+
+#include "Common/Utility/ScopedHandles.h"
+
+// The outcome of one walk.
+struct TrustedPathResult {
+  ScopedFd fd;          // the opened component; invalid on refusal
+  struct stat info {};  // fstat of `fd` when it is valid
+  int error = 0;        // errno-style code when refused, else 0
+  std::string reason;   // the refusal in words, for the summary and the log
+  // The user who steers the walk at its end: 0 when only root's folders and
+  // links were passed.
+  uid_t steeringUser = 0;
+
+  bool ok() const { return fd.valid(); }
+};
+
+class TrustedPath {
+ public:
+  TrustedPath() = delete;
+
+  // Opens the folder `path` names (O_RDONLY | O_DIRECTORY | O_CLOEXEC). A
+  // relative path starts at the current folder.
+  static TrustedPathResult openFolder(const std::string& path);
+
+  // Opens the folder that holds the last component of `path`, and sets
+  // `leaf` to that component (never empty, never "." or ".."). Refused for
+  // a path that names no component ("/", "", a path ending in "/").
+  static TrustedPathResult openParent(const std::string& path, std::string& leaf);
+
+  // Opens a regular file for reading (O_RDONLY | O_NONBLOCK | O_NOFOLLOW),
+  // by `path` or as `name` inside the opened folder `folder` whose walk gave
+  // `steeringUser`. Anything else (a folder, a FIFO, a device, a socket, an
+  // untrusted link) is refused.
+  static TrustedPathResult openFileForReading(const std::string& path);
+  static TrustedPathResult openFileForReadingAt(int folder, uid_t steeringUser,
+                                                const std::string& name);
+
+  // Opens `name` inside `folder` as a folder to walk into, with the same
+  // rules (a trusted link there is followed).
+  static TrustedPathResult openFolderAt(int folder, uid_t steeringUser, const std::string& name);
+
+  // Whether a component owned by `owner` (of kind `mode`) may be used
+  // while `steeringUser` steers the walk. The rule above, for callers that
+  // list a folder and check its entries themselves.
+  static bool mayUse(uid_t steeringUser, uid_t owner, mode_t mode);
+};
+
+#endif  // COMMON_UTILITY_TRUSTEDPATH_H_
