@@ -1,5 +1,8 @@
 // The clear kind of action: files removed by pattern, clearing commands run,
 // folder groups left alone, and nothing reported.
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -68,6 +71,23 @@ class ClearAction : public ::testing::Test {
     return result;
   }
 
+  // A folder of another user (uid 65534) holding a link of theirs, `logs`,
+  // to a folder of root's with log files in it; returns the root folder.
+  std::string MakeLinkOfAnotherUser() {
+    const std::string user = m_tmp.Sub("user");
+    const std::string root = m_tmp.Sub("rootlogs");
+    EXPECT_TRUE(std::filesystem::create_directories(user));
+    EXPECT_TRUE(std::filesystem::create_directories(root));
+    for (const char* name : {"a.log", "b.log", "c.log"})
+      EXPECT_TRUE(keeltest::WriteFile(root + "/" + name, "root's own\n"));
+    EXPECT_EQ(0, symlink(root.c_str(), (user + "/logs").c_str()));
+    EXPECT_EQ(0, lchown((user + "/logs").c_str(), kNobody, kNobody));
+    EXPECT_EQ(0, chown(user.c_str(), kNobody, kNobody));
+    return root;
+  }
+
+  static constexpr uid_t kNobody = 65534;
+
   void MakeLogs() {
     for (const char* name : {"a.log", "B.LOG", "keep.txt", "below/c.log", "below/d.txt"})
       ASSERT_TRUE(keeltest::WriteFile(m_logs + "/" + name, name));
@@ -89,6 +109,42 @@ TEST_F(ClearAction, WildcardRemovesMatchesInThatFolderOnly) {
   EXPECT_TRUE(records.empty());
   EXPECT_EQ((std::vector<std::string>{"below", "keep.txt"}), keeltest::ListDir(m_logs));
   EXPECT_EQ((std::vector<std::string>{"c.log", "d.txt"}), keeltest::ListDir(m_logs + "/below"));
+}
+
+TEST_F(ClearAction, LinkOfAnotherUserToARootFolderClearsNothingThere) {
+  const std::string root = MakeLinkOfAnotherUser();
+  Clear("<file_copy_action><action><loc>" + m_tmp.Sub("user/logs") +
+        "/*.log</loc><clear_log apply=\"true\"/></action></file_copy_action>");
+  EXPECT_EQ((std::vector<std::string>{"a.log", "b.log", "c.log"}), keeltest::ListDir(root));
+  EXPECT_TRUE(m_capture.Contains("Not clearing \"" + m_tmp.Sub("user/logs") + "/\""));
+}
+
+TEST_F(ClearAction, FolderOfAnotherUserIsClearedOfItsOwnFiles) {
+  // A service account's own log folder is cleared as any other.
+  const std::string user = m_tmp.Sub("service");
+  ASSERT_TRUE(std::filesystem::create_directories(user + "/logs"));
+  for (const char* name : {"a.log", "keep.txt"}) {
+    ASSERT_TRUE(keeltest::WriteFile(user + "/logs/" + name, name));
+    ASSERT_EQ(0, chown((user + "/logs/" + name).c_str(), kNobody, kNobody));
+  }
+  ASSERT_EQ(0, chown((user + "/logs").c_str(), kNobody, kNobody));
+  ASSERT_EQ(0, chown(user.c_str(), kNobody, kNobody));
+  Clear("<file_copy_action><action><loc>" + user +
+        "/logs/*.LOG</loc><clear_log apply=\"true\"/></action></file_copy_action>");
+  EXPECT_EQ((std::vector<std::string>{"keep.txt"}), keeltest::ListDir(user + "/logs"));
+}
+
+TEST_F(ClearAction, OnlyRegularFilesAreCleared) {
+  MakeLogs();
+  const std::string target = m_tmp.Sub("target.log");
+  ASSERT_TRUE(keeltest::WriteFile(target, "elsewhere\n"));
+  ASSERT_EQ(0, symlink(target.c_str(), (m_logs + "/link.log").c_str()));
+  ASSERT_EQ(0, mkfifo((m_logs + "/pipe.log").c_str(), 0600));
+  Clear("<file_copy_action><action><loc>" + m_logs +
+        "/*.log</loc><clear_log apply=\"true\"/></action></file_copy_action>");
+  EXPECT_EQ((std::vector<std::string>{"below", "keep.txt", "link.log", "pipe.log"}),
+            keeltest::ListDir(m_logs));
+  EXPECT_EQ("elsewhere\n", keeltest::ReadFile(target));
 }
 
 TEST_F(ClearAction, ApplyFalseRemovesNothing) {
