@@ -4,14 +4,15 @@
 #include "tools/KEEL/KEELEngine/implementations/KEELAction.h"
 
 #include <ctime>
-#include <fstream>
 #include <mutex>
+#include <ostream>
 #include <utility>
 #include <vector>
 
 #include "Common/IPC/ProcessAPI_unix.h"
 #include "Common/Log/Log.h"
 #include "tools/KEEL/KEELEngine/implementations/Env.h"
+#include "tools/KEEL/KEELEngine/implementations/ProgramOutputFile.h"
 #include "tools/KEEL/KEELEngine/implementations/helperUtil.h"
 #include "tools/KEEL/KEELEngine/implementations/parser/KEELComponent.h"
 #include "tools/KEEL/KEELEngine/implementations/parser/XMLObject.h"
@@ -128,7 +129,7 @@ void KEELAction::Perform(TruncAttrsList& records) {
     // Outside output files were copied into the bundle; their originals go
     // once the whole group has run.
     for (const std::string& path : deleteList)
-      helperUtil::fileDelete(path);
+      ProgramOutputFile::remove(path);
   }
 }
 
@@ -295,10 +296,9 @@ ResultCode KEELAction::callExtern(const std::string& path, const std::string& co
   }
   m_pProcessApi = m_pEnv->newProcessApi();
 
-  std::ofstream output;
   ResultCode result = 0;
   if (!outputFile.empty() && captureStdout)
-    result = runInShell(path, commandLine, outputFile, output);
+    result = runInShell(path, commandLine, outputFile);
   else
     result = launch(path, commandLine);
   if (result != 0) {
@@ -306,28 +306,32 @@ ResultCode KEELAction::callExtern(const std::string& path, const std::string& co
                                       "Failed to execute " + FirstWord(commandLine));
     return result;
   }
-  result = watch(commandLine);
-  if (output.is_open())
-    output.close();
-  return result;
+  return watch(commandLine);
 }
 
 ResultCode KEELAction::runInShell(const std::string& path, const std::string& commandLine,
-                                  const std::string& outputFile, std::ofstream& output) {
+                                  const std::string& outputFile) {
   // Appending: every command that names this file adds its own part, under
-  // its own banner. A file that cannot be opened loses the output only.
-  output.open(outputFile, std::ios::out | std::ios::app | std::ios::binary);
-  if (output.is_open()) {
-    output << "\n\r" << kStars << std::endl;
-    output << "\"" << commandLine << "\" output:" << std::endl;
-    output << kStars << "\n\r" << std::endl;
+  // its own banner. A file that is refused or can't be opened loses the
+  // output only: the command still runs, and m_outputFailure says why.
+  m_outputFailure.clear();
+  ProgramOutputFile output;
+  if (output.open(outputFile)) {
+    std::ostream& stream = output.stream();
+    stream << "\n\r" << kStars << std::endl;
+    stream << "\"" << commandLine << "\" output:" << std::endl;
+    stream << kStars << "\n\r" << std::endl;
   }
   std::string command = commandLine;
   if (!path.empty() && (commandLine.empty() || commandLine[0] != '/'))
     command = path + "/" + commandLine;
-  const ResultCode result = m_pEnv->runShell(command, output);
+  const ResultCode result = m_pEnv->runShell(command, output.stream());
   if (result != 0)
     KLOG_RC(LOG_LEVEL_E, "CCommandShell::Execute", result);
+  // The command has ended: what it said is all in the file, or the file
+  // is not whole and is gone.
+  if (!output.close())
+    m_outputFailure = outputFile + " " + output.failure();
   return result;
 }
 

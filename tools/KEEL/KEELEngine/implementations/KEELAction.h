@@ -108,12 +108,17 @@ class KEELAction {
   bool m_isAdmin;
   // Starts the programs and keeps the processor-time clock; not owned.
   Env* m_pEnv;
+  // Why the output of the last shell-form command did not reach its file
+  // whole, as the summary says it: the file's path and the reason. Empty
+  // when it did, and after a command of the launch form.
+  std::string m_outputFailure;
 
  private:
-  // The parts of callExtern: the shell form, which appends to `output`;
-  // the launch form, which sets m_pid; and the watch loop.
+  // The parts of callExtern: the shell form, which appends to
+  // `outputFile` and sets m_outputFailure; the launch form, which sets
+  // m_pid; and the watch loop.
   ResultCode runInShell(const std::string& path, const std::string& commandLine,
-                        const std::string& outputFile, std::ofstream& output);
+                        const std::string& outputFile);
   ResultCode launch(const std::string& path, const std::string& commandLine);
   ResultCode watch(const std::string& commandLine);
 };

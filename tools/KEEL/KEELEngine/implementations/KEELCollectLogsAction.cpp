@@ -166,10 +166,21 @@ ResultCode KEELCollectLogsAction::performExternalAction(XMLObject& subtree, Trun
   attributes.args = helperUtil::translatePath(attributes.args);
   outputFile = helperUtil::translatePath(outputFile);
 
+  m_outputFailure.clear();
   result = callExtern(attributes.path, attributes.args, attributes.captureStdout, outputFile);
   if (result != 0) {
     KLOG_RC(LOG_LEVEL_E, "KEELAction::callExtern", result);
     return result;
+  }
+  // Output that did not reach its file whole is not listed at a cut size:
+  // the file is gone, and the summary says why.
+  if (!m_outputFailure.empty()) {
+    helperUtil::fillSummaryFailedFile(m_pXMLSummary, m_fileId,
+                                      helperUtil::splitAfterLast(outputFile, "/"), m_description,
+                                      m_outputFailure);
+    KLOG_RC_DESC(LOG_LEVEL_E, "KEELAction::callExtern", KEELENGINE_ERROR_WRITE_FAILURE,
+                 m_outputFailure.c_str());
+    return KEELENGINE_ERROR_WRITE_FAILURE;
   }
 
   std::string collected = outputFile;

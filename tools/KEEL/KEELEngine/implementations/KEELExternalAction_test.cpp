@@ -208,6 +208,78 @@ TEST_F(CollectExternalAction, StdoutIntoOutsideFileIsCopiedWithItsBanner) {
   EXPECT_FALSE(keeltest::PathExists(out));
 }
 
+TEST_F(CollectExternalAction, StdoutIntoALinkPlantedAtTheOutputLeavesItsTargetAlone) {
+  const std::string victim = m_tmp.Sub("victim.conf");
+  ASSERT_TRUE(keeltest::WriteFile(victim, "root only\n"));
+  ASSERT_EQ(0, chmod(victim.c_str(), 0600));
+  const std::string out = m_outside + "/cap.txt";
+  ASSERT_EQ(0, symlink(victim.c_str(), out.c_str()));
+  const TruncAttrsList records = Collect("<action>" + PathElement() + "<args>hello.sh z</args>" +
+                                         "<temp_out>" + out + "</temp_out><stdout/></action>");
+  EXPECT_TRUE(records.empty());
+  EXPECT_EQ("root only\n", keeltest::ReadFile(victim));
+  EXPECT_FALSE(keeltest::PathExists(m_bundle + "/cap.txt"));
+  EXPECT_EQ((std::vector<Omitted>{{"id-1", "cap.txt", "Test logs",
+                                   out + " Error occurred opening the file: a link stands at "
+                                         "its name"}}),
+            omitted());
+  // The link is not the tool's to remove.
+  EXPECT_EQ(victim, std::filesystem::read_symlink(out).string());
+}
+
+TEST_F(CollectExternalAction, LaunchFormOutputPlantedAsALinkIsNotCopied) {
+  // A shared folder of root's, writable by all with the sticky bit, where
+  // another user put a link to a root-only file at the output's name.
+  ASSERT_EQ(0, chmod(m_outside.c_str(), 01777));
+  const std::string victim = m_tmp.Sub("victim.conf");
+  ASSERT_TRUE(keeltest::WriteFile(victim, "root only\n"));
+  ASSERT_EQ(0, chmod(victim.c_str(), 0600));
+  const std::string out = m_outside + "/report.log";
+  ASSERT_EQ(0, symlink(victim.c_str(), out.c_str()));
+  ASSERT_EQ(0, lchown(out.c_str(), 65534, 65534));
+  const TruncAttrsList records =
+      Collect("<action>" + PathElement() + "<args>hello.sh</args><temp_out>" + out +
+              "</temp_out></action>");
+  EXPECT_TRUE(records.empty());
+  EXPECT_EQ("root only\n", keeltest::ReadFile(victim));
+  EXPECT_TRUE(keeltest::ListDir(m_bundle).empty());
+  const std::vector<Omitted> rows = omitted();
+  ASSERT_EQ(1u, rows.size());
+  EXPECT_EQ("report.log", rows[0].name);
+  const std::string start =
+      "KEEL cannot access temporary output at: " + out + " as specified by Config Error returned:";
+  EXPECT_EQ(start, rows[0].reason.substr(0, start.size())) << rows[0].reason;
+  EXPECT_EQ(victim, std::filesystem::read_symlink(out).string());
+}
+
+TEST_F(CollectExternalAction, OutputCutByAFullDiskIsOmittedWithTheSystemsWords) {
+  ASSERT_TRUE(
+      actiontest::WriteScript(m_bin + "/big.sh", "head -c 6000000 /dev/zero | tr '\\0' 'x'\n"));
+  const int status = keeltest::RunWithTmpfsAt(m_bundle, [&] {
+    const TruncAttrsList records = Collect(StdoutAction("big.sh"));
+    const std::vector<Omitted> expected = {
+        {"id-1", "big_result.txt", "Test logs",
+         m_bundle + "/big_result.txt Error occurred writing the output: No space left on device"}};
+    if (!records.empty())
+      return 1;
+    if (omitted() != expected)
+      return 2;
+    return keeltest::PathExists(m_bundle + "/big_result.txt") ? 3 : 0;
+  });
+  KEEL_EXPECT_ISOLATED_CHILD_PASSED(status);
+}
+
+TEST_F(CollectExternalAction, FailedOutputOfOneCommandIsNotBlamedOnTheNext) {
+  const std::string out = m_outside + "/cap.txt";
+  ASSERT_EQ(0, symlink("/nowhere", out.c_str()));
+  const TruncAttrsList records =
+      Collect("<action>" + PathElement() + "<args>hello.sh a</args><temp_out>" + out +
+              "</temp_out><stdout/></action>" + StdoutAction("hello.sh b"));
+  ASSERT_EQ(1u, records.size());
+  ExpectRecord(records.front(), m_bundle + "/hello_result.txt");
+  EXPECT_EQ(1u, omitted().size());
+}
+
 TEST_F(CollectExternalAction, MissingTempOutIsOmittedWithItsReason) {
   const std::string report = m_outside + "/never.log";
   TruncAttrsList records;
@@ -381,7 +453,7 @@ TEST_F(CollectExternalAction, CommandThatCannotStartStillLeavesABanner) {
   EXPECT_TRUE(m_capture.Contains("Invoked Function: KEELAction::callExtern\n"));
 }
 
-TEST_F(CollectExternalAction, UnopenableOutputSkipsTheBannerButRuns) {
+TEST_F(CollectExternalAction, UnopenableOutputIsOmittedButTheProgramRuns) {
   const std::string marker = m_tmp.Sub("ran.txt");
   ASSERT_TRUE(
       actiontest::WriteScript(m_bin + "/side.sh", "echo side > '" + marker + "'\necho out\n"));
@@ -393,10 +465,12 @@ TEST_F(CollectExternalAction, UnopenableOutputSkipsTheBannerButRuns) {
               "", missing);
   EXPECT_EQ("side\n", keeltest::ReadFile(marker));
   EXPECT_FALSE(keeltest::PathExists(missing));
-  ASSERT_EQ(1u, records.size());
-  EXPECT_EQ(missing + "/o.txt", records.front().path);
-  EXPECT_EQ(-1.0, records.front().size);
-  EXPECT_TRUE(omitted().empty());
+  EXPECT_TRUE(records.empty());
+  const std::vector<Omitted> rows = omitted();
+  ASSERT_EQ(1u, rows.size());
+  EXPECT_EQ("o.txt", rows[0].name);
+  const std::string start = missing + "/o.txt Error occurred opening the file: ";
+  EXPECT_EQ(start, rows[0].reason.substr(0, start.size())) << rows[0].reason;
 }
 
 TEST_F(CollectExternalAction, MegabytesOfOutputArriveWhole) {
@@ -481,6 +555,7 @@ TEST_F(ActionCallExtern, BannerBytesAndOutput) {
   OpenAction action(actiontest::MakeSettings(m_bundle, m_summary.get()), config.root());
   const std::string out = m_bundle + "/b.txt";
   ASSERT_TRUE(keeltest::WriteFile(out, "before"));
+  ASSERT_EQ(0, chmod(out.c_str(), 0600));
   EXPECT_EQ(0u, action.callExtern("", "printf 'a\\nb'", true, out));
   EXPECT_EQ("before\n\r" + kStars + "\n\"printf 'a\\nb'\" output:\n" + kStars + "\n\r\na\nb",
             keeltest::ReadFile(out));
