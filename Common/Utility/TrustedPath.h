@@ -23,6 +23,30 @@
 //    the kind that was asked for (a regular file, a folder). Files are
 //    opened O_NONBLOCK, so a FIFO swapped in can never block the run.
 //
+// How the walk goes (what the rule above leaves open):
+//
+//  - A path from "/" starts at the root folder, which counts as a folder
+//    passed; a relative path starts at the current folder, and the *At
+//    forms at the folder given, neither of which is looked at: the caller
+//    chose it.
+//  - ".." goes back to the folder the walk came from: the walk keeps the
+//    descriptors of the folders it passed, so ".." can never lead anywhere
+//    the walk has not been (a folder moved away meanwhile does not take the
+//    walk with it). Since a link's target is walked on from the link's
+//    folder, this is the folder the kernel would give. Above the folder the
+//    walk started in, ".." opens the real parent ("/.." is "/"). A folder
+//    reached by ".." is checked again against the user steering the walk.
+//  - The steering user never changes back: a ".." does not give the walk
+//    back to root. A user's link is therefore followed only while what it
+//    leads to stays within that user's own folders (a relative link such as
+//    current.log -> 2024/app.log); a link naming a path from "/" passes
+//    root's folders and is refused.
+//  - At most 40 links are followed in one walk (ELOOP beyond).
+//  - Each component is first opened O_PATH | O_NOFOLLOW and checked with
+//    fstat; a link's target is read from that same descriptor, and a file
+//    reopened for reading must still be the inode that was checked, so no
+//    swap between check and use is ever trusted.
+//
 // A refusal carries an errno-style code (ELOOP for a link not followed,
 // EPERM for an untrusted step, EINVAL for the wrong kind of file, or what
 // the system answered) and a reason in words for the summary.
@@ -51,9 +75,25 @@ struct TrustedPathResult {
   bool ok() const { return fd.valid(); }
 };
 
+// What the last component of a walk must be, and how it is opened.
+enum class TrustedKind {
+  kFile,          // a regular file, O_RDONLY | O_NONBLOCK
+  kFolder,        // a folder, O_RDONLY | O_DIRECTORY
+  kFileOrFolder,  // either of the two, opened as above
+  kAny,           // whatever it is, as an O_PATH descriptor: for listings
+                  // that need its kind and times only
+};
+
 class TrustedPath {
  public:
   TrustedPath() = delete;
+
+  // The general forms of the calls below: walks `path` from "/" or the
+  // current folder, or `path` (one name or a relative path) from `folder`
+  // whose walk gave `steeringUser`.
+  static TrustedPathResult open(const std::string& path, TrustedKind kind);
+  static TrustedPathResult openAt(int folder, uid_t steeringUser, const std::string& path,
+                                  TrustedKind kind);
 
   // Opens the folder `path` names (O_RDONLY | O_DIRECTORY | O_CLOEXEC). A
   // relative path starts at the current folder.
