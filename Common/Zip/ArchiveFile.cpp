@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,6 +12,7 @@
 
 #include "Common/Log/Log.h"
 #include "Common/Utility/InterruptGuard.h"
+#include "Common/Utility/TrustedPath.h"
 #include "Common/Utility/sysutils.h"
 
 namespace {
@@ -22,6 +24,37 @@ bool SameFile(const struct stat& a, const struct stat& b) {
 // The longest part of the archive's name that goes into the new file's
 // name, so that the prefix, the name and the suffix stay within NAME_MAX.
 constexpr size_t kNameInTemporary = 200;
+
+// Makes a new file, mode 0600 whatever the umask, named `prefix` and six
+// random letters and digits, in the opened folder `folder`. Returns its
+// descriptor and sets `name`, or -1 with errno set.
+int CreateFreshFile(int folder, const std::string& prefix, std::string& name) {
+  static const char kLetters[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
+  constexpr int kTries = 100;
+  for (int attempt = 0; attempt < kTries; ++attempt) {
+    unsigned char random[6];
+    if (getrandom(random, sizeof(random), 0) != static_cast<ssize_t>(sizeof(random)))
+      return -1;
+    name = prefix;
+    for (unsigned char byte : random)
+      name += kLetters[byte % (sizeof(kLetters) - 1)];
+    const int fd = openat(folder, name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                          S_IRUSR | S_IWUSR);
+    if (fd >= 0 || errno != EEXIST) {
+      // Only the owner may read the bundle, whatever the umask.
+      if (fd >= 0 && fchmod(fd, S_IRUSR | S_IWUSR) != 0) {
+        const int error = errno;
+        unlinkat(folder, name.c_str(), 0);
+        close(fd);
+        errno = error;
+        return -1;
+      }
+      return fd;
+    }
+  }
+  errno = EEXIST;
+  return -1;
+}
 
 }  // namespace
 
@@ -52,28 +85,32 @@ ResultCode CArchiveFile::create(const std::string& path) {
     return GLOBAL_ERROR_BAD_PARAMETER;
   }
   // Every later step works relative to this descriptor, so that a folder
-  // renamed or replaced meanwhile can't redirect the rename.
-  m_folderFd.reset(open(m_folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!m_folderFd.valid()) {
-    const int error = errno;
+  // renamed or replaced meanwhile can't redirect the new file or the
+  // rename. The folder is reached through TrustedPath: a link or folder of
+  // another user on the way that leads into a folder that user does not
+  // own is refused, so the archive never lands where only root may write.
+  TrustedPathResult folder = TrustedPath::openFolder(m_folder);
+  if (!folder.ok()) {
     KLOG_E("Could not open the folder of the archive \"%s\": %s", m_folder.c_str(),
-           errnoText(error).c_str());
+           folder.reason.c_str());
     return GLOBAL_ERROR_BAD_PARAMETER;
   }
+  m_folderFd = std::move(folder.fd);
   m_hadOld = fstatat(m_folderFd.get(), m_name.c_str(), &m_old, AT_SYMLINK_NOFOLLOW) == 0 &&
              S_ISREG(m_old.st_mode);
 
-  // mkostemp creates with O_EXCL: an existing name, a planted link among
-  // them, is never opened, only passed over for another.
-  std::string pattern =
-      (m_folder == "/" ? "" : m_folder) + "/." + m_name.substr(0, kNameInTemporary) + ".XXXXXX";
+  // O_EXCL: an existing name, a planted link among them, is never opened,
+  // only passed over for another.
+  const std::string prefix = "." + m_name.substr(0, kNameInTemporary) + ".";
   int error = 0;
   {
     CInterruptGuard::Hold hold;
-    m_fd.reset(mkostemp(&pattern[0], O_CLOEXEC));
+    m_fd.reset(CreateFreshFile(m_folderFd.get(), prefix, m_temporaryName));
     error = errno;
-    if (m_fd.valid())
-      CInterruptGuard::TrackFile(pattern);
+    if (m_fd.valid()) {
+      m_temporaryPath = (m_folder == "/" ? "" : m_folder) + "/" + m_temporaryName;
+      CInterruptGuard::TrackFile(m_temporaryPath);
+    }
   }
   if (!m_fd.valid()) {
     KLOG_E("Could not create a new archive file in \"%s\": %s", m_folder.c_str(),
@@ -81,25 +118,8 @@ ResultCode CArchiveFile::create(const std::string& path) {
     closeDescriptors();
     return GLOBAL_ERROR_BAD_PARAMETER;
   }
-  m_temporaryPath = pattern;
-  m_temporaryName = pattern.substr(pattern.rfind('/') + 1);
-
-  // The file must lie in the folder the descriptor holds, or the rename
-  // would not find it.
-  struct stat named;
-  if (fstat(m_fd.get(), &m_new) != 0 ||
-      fstatat(m_folderFd.get(), m_temporaryName.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0 ||
-      !SameFile(m_new, named)) {
-    KLOG_E("The folder of the archive \"%s\" changed while the archive file was made.",
-           m_folder.c_str());
-    unlink(m_temporaryPath.c_str());
-    CInterruptGuard::ForgetFile(m_temporaryPath);
-    closeDescriptors();
-    return GLOBAL_ERROR_BAD_PARAMETER;
-  }
-  // Only the owner may read the bundle, whatever the umask.
-  if (fchmod(m_fd.get(), S_IRUSR | S_IWUSR) != 0)
-    remember(errno, "fchmod");
+  if (fstat(m_fd.get(), &m_new) != 0)
+    remember(errno, "fstat");
   m_buffer.reserve(kBufferSize);
   m_position = 0;
   return 0;
