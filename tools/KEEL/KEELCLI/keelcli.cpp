@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -12,6 +13,7 @@
 #include "Common/Log/Log.h"
 #include "Common/Utility/InstanceSmartPtr.h"
 #include "Common/Utility/StoragePath.h"
+#include "Common/Utility/TrustedPath.h"
 #include "Common/Utility/sysutils.h"
 #include "Common/Xml/XmlLocalTWPolMgr.h"
 #include "Common/i18n/MsgCatalog.h"
@@ -55,10 +57,23 @@ void PrintMissingDestination() {
   cliPrintError("%s", "");
 }
 
-void PrintInvalidLocation(const std::string& location) {
+// The second line of the refusal of a bundle location, by what was found.
+const char* InvalidLocationReason(BundleFolderState state) {
+  switch (state) {
+    case BundleFolderState::kUntrusted:
+      return "The destination folder is reached through a link or folder of another user.";
+    case BundleFolderState::kWritableByOthers:
+      return "Other users can write to the destination folder and could replace the bundle "
+             "after the run.";
+    default:
+      return "The destination folder does not exist.";
+  }
+}
+
+void PrintInvalidLocation(const std::string& location, BundleFolderState state) {
   cliPrintError("%s", "");
   cliPrintError("Invalid bundle location: %s", location.c_str());
-  cliPrintError("The destination folder does not exist.");
+  cliPrintError("%s", InvalidLocationReason(state));
   cliPrintError("%s", "");
 }
 
@@ -236,6 +251,33 @@ bool bundleFolderExists(const std::string& location) {
   return stat(folder.c_str(), &status) == 0;
 }
 
+BundleFolderState checkBundleFolder(const std::string& location) {
+  if (!bundleFolderExists(location))
+    return BundleFolderState::kMissing;
+  // The folder the bundle is written into, taken as the archive writer
+  // takes it, and reached the way it reaches it.
+  const size_t lastSlash = location.rfind('/');
+  const std::string folder = lastSlash == std::string::npos ? "."
+                             : lastSlash == 0               ? "/"
+                                                            : location.substr(0, lastSlash);
+  const TrustedPathResult opened = TrustedPath::openFolder(folder);
+  if (!opened.ok()) {
+    // A step the trust rule refused. Anything else (a file in place of the
+    // folder, say) is left to the step that writes the bundle, as before.
+    if (opened.error == ELOOP || opened.error == EPERM) {
+      KLOG_W("The bundle folder \"%s\" is refused: %s", folder.c_str(), opened.reason.c_str());
+      return BundleFolderState::kUntrusted;
+    }
+    return BundleFolderState::kUsable;
+  }
+  // Without the sticky bit, anyone who may write the folder may also
+  // rename or remove the finished bundle and put another in its place.
+  const mode_t mode = opened.info.st_mode;
+  if ((mode & S_IWOTH) != 0 && (mode & S_ISVTX) == 0)
+    return BundleFolderState::kWritableByOthers;
+  return BundleFolderState::kUsable;
+}
+
 // Builds the run's one engine and hands over to it. The engine's result is
 // not looked at: what went wrong was shown on the console already.
 void runBundleEngine() {
@@ -262,8 +304,9 @@ bool announceRun(bool customRun) {
   if (g_clearLogs)
     return true;  // a clear run makes no bundle, so its location is not looked at
   cliPrint("Bundle option selected: %s", customRun ? "custom" : "default");
-  if (!bundleFolderExists(g_bundleLocation)) {
-    PrintInvalidLocation(g_bundleLocation);
+  const BundleFolderState state = checkBundleFolder(g_bundleLocation);
+  if (state != BundleFolderState::kUsable) {
+    PrintInvalidLocation(g_bundleLocation, state);
     return false;
   }
   cliPrint("Bundle location: %s", g_bundleLocation.c_str());

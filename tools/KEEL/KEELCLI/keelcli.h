@@ -55,12 +55,27 @@ bool initialize();
 // or the whole location without one) exists on the file system.
 bool bundleFolderExists(const std::string& location);
 
+// What the location check finds about the folder a bundle goes to.
+enum class BundleFolderState {
+  kUsable,
+  kMissing,           // bundleFolderExists is false
+  kUntrusted,         // reached through a link or folder of another user
+                      // that leads into a folder that user does not own
+  kWritableByOthers,  // every user may write it, and it has no sticky bit
+};
+
+// Checks the folder part of `location`: that it exists (as
+// bundleFolderExists), then the folder the bundle is written into, reached
+// through TrustedPath. A folder that can't be opened for another reason
+// (a file in its place) is left to the step that writes the bundle.
+BundleFolderState checkBundleFolder(const std::string& location);
+
 // Builds the bundle engine for this run and hands over to it.
 void runBundleEngine();
 
 // Prints the version and, unless logs are to be cleared, the bundle option,
 // location and flags. Returns false, after printing why on standard error,
-// when the folder of the bundle location does not exist.
+// when checkBundleFolder refuses the folder of the bundle location.
 bool announceRun(bool customRun);
 
 // The whole process: returns the exit status.

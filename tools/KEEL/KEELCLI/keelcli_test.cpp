@@ -490,6 +490,35 @@ TEST_F(BundleFolderExists, FolderThatCannotBeSearchedIsRejected) {
   EXPECT_EQ(answer, 0);
 }
 
+TEST_F(BundleFolderExists, FolderLinkOfAnotherUserToARootFolderIsUntrusted) {
+  // The other user's folder holds their link to a folder only root may use.
+  ASSERT_EQ(mkdir(m_temp.Sub("user").c_str(), 0755), 0);
+  ASSERT_EQ(mkdir(m_temp.Sub("root-only").c_str(), 0700), 0);
+  ASSERT_EQ(symlink(m_temp.Sub("root-only").c_str(), m_temp.Sub("user/reports").c_str()), 0);
+  ASSERT_EQ(lchown(m_temp.Sub("user/reports").c_str(), 65534, 65534), 0);
+  ASSERT_EQ(chown(m_temp.Sub("user").c_str(), 65534, 65534), 0);
+  EXPECT_EQ(checkBundleFolder(m_temp.Sub("user/reports/x.zip")), BundleFolderState::kUntrusted);
+}
+
+TEST_F(BundleFolderExists, FolderEveryoneMayWriteNeedsTheStickyBit) {
+  ASSERT_EQ(mkdir(m_temp.Sub("open").c_str(), 0777), 0);
+  ASSERT_EQ(chmod(m_temp.Sub("open").c_str(), 0777), 0);
+  EXPECT_EQ(checkBundleFolder(m_temp.Sub("open/x.zip")), BundleFolderState::kWritableByOthers);
+  ASSERT_EQ(chmod(m_temp.Sub("open").c_str(), 01777), 0);
+  EXPECT_EQ(checkBundleFolder(m_temp.Sub("open/x.zip")), BundleFolderState::kUsable);
+}
+
+TEST_F(BundleFolderExists, CheckKeepsTheVerdictsOfTheExistenceTest) {
+  ASSERT_TRUE(keeltest::WriteFile(m_temp.Sub("plain.txt"), "x"));
+  ASSERT_EQ(mkdir(m_temp.Sub("real").c_str(), 0755), 0);
+  ASSERT_EQ(symlink(m_temp.Sub("real").c_str(), m_temp.Sub("link").c_str()), 0);
+  EXPECT_EQ(checkBundleFolder(m_temp.Sub("bundle.zip")), BundleFolderState::kUsable);
+  EXPECT_EQ(checkBundleFolder(m_temp.Sub("link/bundle.zip")), BundleFolderState::kUsable);
+  EXPECT_EQ(checkBundleFolder(m_temp.Sub("plain.txt/bundle.zip")), BundleFolderState::kUsable);
+  EXPECT_EQ(checkBundleFolder(m_temp.Sub("missing/bundle.zip")), BundleFolderState::kMissing);
+  EXPECT_EQ(checkBundleFolder("/x.zip"), BundleFolderState::kMissing);
+}
+
 class AnnounceRun : public CliTest {
  protected:
   // Runs announceRun; keeps what it printed in `printed`.
@@ -524,6 +553,31 @@ TEST_F(AnnounceRun, MissingFolderIsReportedAndStopsTheRun) {
   EXPECT_FALSE(Announce(true));
   EXPECT_EQ(printed.out, std::string(kVersion) + "Bundle option selected: custom\r\n");
   EXPECT_EQ(printed.err, InvalidLocation(g_bundleLocation));
+}
+
+TEST_F(AnnounceRun, FolderOthersCanWriteIsReportedAndStopsTheRun) {
+  ASSERT_EQ(mkdir(m_temp.Sub("open").c_str(), 0777), 0);
+  ASSERT_EQ(chmod(m_temp.Sub("open").c_str(), 0777), 0);
+  g_bundleLocation = m_temp.Sub("open/b.zip");
+  EXPECT_FALSE(Announce(true));
+  EXPECT_EQ(printed.out, std::string(kVersion) + "Bundle option selected: custom\r\n");
+  EXPECT_EQ(printed.err, "\r\nInvalid bundle location: " + g_bundleLocation +
+                             "\r\nOther users can write to the destination folder and could "
+                             "replace the bundle after the run.\r\n\r\n");
+}
+
+TEST_F(AnnounceRun, FolderThroughALinkOfAnotherUserIsReportedAndStopsTheRun) {
+  ASSERT_EQ(mkdir(m_temp.Sub("user").c_str(), 0755), 0);
+  ASSERT_EQ(mkdir(m_temp.Sub("root-only").c_str(), 0700), 0);
+  ASSERT_EQ(symlink(m_temp.Sub("root-only").c_str(), m_temp.Sub("user/Desktop").c_str()), 0);
+  ASSERT_EQ(lchown(m_temp.Sub("user/Desktop").c_str(), 65534, 65534), 0);
+  ASSERT_EQ(chown(m_temp.Sub("user").c_str(), 65534, 65534), 0);
+  g_bundleLocation = m_temp.Sub("user/Desktop/KEELBundle_0412_1530.zip");
+  EXPECT_FALSE(Announce(false));
+  EXPECT_EQ(printed.out, std::string(kVersion) + "Bundle option selected: default\r\n");
+  EXPECT_EQ(printed.err, "\r\nInvalid bundle location: " + g_bundleLocation +
+                             "\r\nThe destination folder is reached through a link or folder "
+                             "of another user.\r\n\r\n");
 }
 
 TEST_F(AnnounceRun, EmptyLocationIsReportedAsInvalid) {
