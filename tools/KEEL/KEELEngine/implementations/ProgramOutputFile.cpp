@@ -15,6 +15,7 @@ constexpr size_t kBufferSize = 4096;
 
 const char kOpening[] = "Error occurred opening the file: ";
 const char kWriting[] = "Error occurred writing the output: ";
+const char kLinkAtTheName[] = "a link stands at its name";
 
 bool SameFile(const struct stat& a, const struct stat& b) {
   return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
@@ -99,14 +100,22 @@ bool ProgramOutputFile::open(const std::string& path) {
     return false;
   }
   m_folder = std::move(folder.fd);
-  // O_NOFOLLOW: a link at the name is never written through. O_NONBLOCK:
-  // a FIFO put there can't hold the run; it is refused below.
+  // A link at the name is named as such: in a shared folder the kernel
+  // may answer the open below with EACCES rather than ELOOP.
+  struct stat named;
+  if (fstatat(m_folder.get(), m_leaf.c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 &&
+      S_ISLNK(named.st_mode)) {
+    m_failure = std::string(kOpening) + kLinkAtTheName;
+    return false;
+  }
+  // O_NOFOLLOW: a link put at the name meanwhile is never written through
+  // either. O_NONBLOCK: a FIFO put there can't hold the run; it is refused
+  // below.
   m_fd.reset(openat(m_folder.get(), m_leaf.c_str(),
                     O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600));
   if (!m_fd.valid()) {
     const int error = errno;
-    m_failure =
-        kOpening + (error == ELOOP ? std::string("a link stands at its name") : errnoText(error));
+    m_failure = kOpening + (error == ELOOP ? std::string(kLinkAtTheName) : errnoText(error));
     return false;
   }
   std::string refusal = "the file could not be examined";
