@@ -555,7 +555,6 @@ TEST_F(ActionCallExtern, BannerBytesAndOutput) {
   OpenAction action(actiontest::MakeSettings(m_bundle, m_summary.get()), config.root());
   const std::string out = m_bundle + "/b.txt";
   ASSERT_TRUE(keeltest::WriteFile(out, "before"));
-  ASSERT_EQ(0, chmod(out.c_str(), 0600));
   EXPECT_EQ(0u, action.callExtern("", "printf 'a\\nb'", true, out));
   EXPECT_EQ("before\n\r" + kStars + "\n\"printf 'a\\nb'\" output:\n" + kStars + "\n\r\na\nb",
             keeltest::ReadFile(out));

@@ -29,8 +29,8 @@ std::string RefusalOf(const struct stat& info) {
     return "it belongs to another user";
   if (info.st_nlink != 1)
     return "it has more than one name";
-  if ((info.st_mode & (S_IRGRP | S_IWGRP | S_IROTH | S_IWOTH)) != 0)
-    return "other users may read or write it";
+  if ((info.st_mode & (S_IWGRP | S_IWOTH)) != 0)
+    return "other users may write it";
   return std::string();
 }
 

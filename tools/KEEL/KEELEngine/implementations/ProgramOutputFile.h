@@ -6,9 +6,10 @@
 // is opened through TrustedPath, and the file inside it with O_NOFOLLOW.
 // A file that stands there already is appended to only when it is a
 // regular file of the running user, with one name, that no other user can
-// read or write (what an earlier command of the run made); otherwise a new
-// file is made with mode 0600. A planted link, a FIFO, a file of another
-// user or one others may read is refused, and the command's output is lost
+// write (what an earlier command of the run made, or a file the instruction
+// keeps for the purpose); otherwise a new file is made with mode 0600. A
+// planted link, a FIFO, a second name of another file, a file of another
+// user or one others may write is refused, and the command's output is lost
 // with a reason rather than handed to them.
 //
 // Every write goes through one descriptor and is checked, and so is the

@@ -70,12 +70,25 @@ TEST_F(ProgramOutput, FileOfAnotherUserIsRefused) {
   EXPECT_EQ("theirs\n", keeltest::ReadFile(path));
 }
 
-TEST_F(ProgramOutput, FileOthersMayReadIsRefused) {
+TEST_F(ProgramOutput, FileOthersMayWriteIsRefused) {
   const std::string path = m_tmp.Sub("out.txt");
   ASSERT_TRUE(keeltest::WriteFile(path, "open\n"));
-  ASSERT_EQ(0, chmod(path.c_str(), 0644));
-  ExpectRefused(path, "other users may read or write it");
+  for (mode_t mode : {0620, 0602}) {
+    ASSERT_EQ(0, chmod(path.c_str(), mode));
+    ExpectRefused(path, "other users may write it");
+  }
   EXPECT_EQ("open\n", keeltest::ReadFile(path));
+}
+
+TEST_F(ProgramOutput, ReadableFileOfTheRunningUserTakesTheOutput) {
+  const std::string path = m_tmp.Sub("out.txt");
+  ASSERT_TRUE(keeltest::WriteFile(path, "kept\n"));
+  ASSERT_EQ(0, chmod(path.c_str(), 0644));
+  ProgramOutputFile output;
+  ASSERT_TRUE(output.open(path)) << output.failure();
+  output.stream() << "more\n";
+  EXPECT_TRUE(output.close());
+  EXPECT_EQ("kept\nmore\n", keeltest::ReadFile(path));
 }
 
 TEST_F(ProgramOutput, FileWithASecondNameIsRefused) {
