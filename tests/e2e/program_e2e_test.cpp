@@ -744,15 +744,18 @@ TEST_F(ProgramRun, ShellFormIntoAFileThatCannotBeOpenedStillRuns) {
   std::string bundle;
   const IsolatedResult run = Keel("blocked", &bundle);
   ASSERT_EQ(run.status, 0) << run.err;
-  // The program ran, its output was lost, and the run counts as good.
+  // The program ran, and its lost output is an omitted file with the
+  // system's reason.
   EXPECT_EQ(ReadFile(Outside("marker.txt")), "ran\n");
   EXPECT_EQ(SortedEntries(bundle), (std::vector<std::string>{"summary.txt"}));
   const std::string sections = Sections(bundle);
-  const std::string head = SectionHead("Blocked");
+  const std::string head = SectionHead("Blocked") + kIncludedEnd + OmittedHead();
   ASSERT_EQ(sections.substr(0, head.size()), head);
   EXPECT_TRUE(std::regex_match(
       sections.substr(head.size()),
-      std::regex("b {18}taken {25}blocked {35}\\d+ bytes *\n-{101}\n" + std::string(kTail))))
+      std::regex("b {18}taken {25}blocked {35}/tmp/KEEL_Temp_Bundle__\\d{4}_\\d{4}_\\d+/taken *\n"
+                 " {91}Error occurred opening the file: Is a directory *\n" +
+                 kOmittedEnd + kTail)))
       << sections;
 }
 
