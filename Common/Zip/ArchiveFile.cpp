@@ -218,6 +218,43 @@ bool CArchiveFile::flush() {
   return written;
 }
 
+bool CArchiveFile::readAt(unsigned long long offset, void* data, size_t size) {
+  if (!flush())
+    return false;
+  unsigned char* bytes = static_cast<unsigned char*>(data);
+  while (size > 0) {
+    const ssize_t count = pread(m_fd.get(), bytes, size, static_cast<off_t>(offset));
+    if (count < 0 && errno == EINTR)
+      continue;
+    if (count <= 0) {
+      // Nothing where bytes were written: the file is not what was written.
+      remember(count < 0 ? errno : EIO, "read");
+      return false;
+    }
+    bytes += count;
+    size -= static_cast<size_t>(count);
+    offset += static_cast<unsigned long long>(count);
+  }
+  return true;
+}
+
+bool CArchiveFile::replaceTail(unsigned long long offset, const void* data, size_t size) {
+  if (!flush())
+    return false;
+  if (lseek(m_fd.get(), static_cast<off_t>(offset), SEEK_SET) < 0) {
+    remember(errno, "lseek");
+    return false;
+  }
+  m_position = offset;
+  if (!writeOut(static_cast<const unsigned char*>(data), size))
+    return false;
+  if (ftruncate(m_fd.get(), static_cast<off_t>(m_position)) != 0) {
+    remember(errno, "ftruncate");
+    return false;
+  }
+  return true;
+}
+
 voidpf CArchiveFile::Open(voidpf opaque, const void* /*filename*/, int /*mode*/) {
   CArchiveFile* self = static_cast<CArchiveFile*>(opaque);
   return self->m_fd.valid() ? self : nullptr;

@@ -63,6 +63,18 @@ class CArchiveFile {
   // archive's path when create() was called: neither belongs in the archive.
   bool isArchive(const struct stat& info) const;
 
+  // The offset the next write through fileFunctions() goes to.
+  unsigned long long position() const { return m_position + m_buffer.size(); }
+
+  // Reads `size` bytes at `offset` of what was written; false, logged and
+  // remembered as a failure, when they can't all be read.
+  bool readAt(unsigned long long offset, void* data, size_t size);
+
+  // Writes `size` bytes at `offset` and ends the file after them (for the
+  // archive's end records, once minizip has closed it); false, logged and
+  // remembered, on failure.
+  bool replaceTail(unsigned long long offset, const void* data, size_t size);
+
   // Whether a write, seek or flush has failed so far.
   bool failed() const { return m_error != 0; }
 

@@ -16,7 +16,9 @@
 #include "Common/Log/Log.h"
 #include "Common/Utility/ScopedHandles.h"
 #include "Common/Zip/ArchiveFile.h"
+#include "Common/Zip/ArchiveTail.h"
 #include "Common/Zip/EntryDeflater.h"
+#include "Common/Zip/EntrySource.h"
 #include "Common/Zip/ParallelZip.h"
 #include "Common/Zip/ZipCrypto.h"
 #include "Common/Zip/ZipLog.h"
@@ -89,75 +91,81 @@ bool IsDotOrDotDot(const char* name) {
   return strcmp(name, ".") == 0 || strcmp(name, "..") == 0;
 }
 
-// Streams the file into the open entry. A file that can't be opened leaves
-// the entry empty and a read failure leaves it short, and neither counts as
-// a failure; a failed write is returned (minizip's code), 0 otherwise.
-int CopyIntoEntry(zipFile archive, const std::string& path, unsigned char* buffer) {
-  FileHandle file(fopen(path.c_str(), "rb"));
-  if (!file)
-    return 0;
+// Streams the source into the open entry. A source that can't be read
+// whole stops the entry, logged where found; a failed write is logged here.
+// False on either.
+bool CopyIntoEntry(zipFile archive, CEntrySource* source, const std::string& path,
+                   unsigned char* buffer) {
   for (;;) {
-    const size_t count = fread(buffer, 1, CZip::kBlockSize, file.get());
+    size_t count = 0;
+    if (!source->read(buffer, CZip::kBlockSize, &count))
+      return false;
     if (count > 0) {
       const int written = zipWriteInFileInZip(archive, buffer, static_cast<unsigned>(count));
       if (written < 0) {
         KLOG_LIBRARY("zipWriteInFileInZip", written, "%s", path.c_str());
-        return written;
+        return false;
       }
     }
-    if (count < CZip::kBlockSize) {
-      if (ferror(file.get()))
-        KLOG_E("Could not read %s", path.c_str());
-      return 0;
-    }
+    if (count < CZip::kBlockSize)
+      return true;
   }
+}
+
+// The CRC-32 of the whole source, which is then read again from its start;
+// false, logged, when it can't be read whole.
+bool SourceCrc(CEntrySource* source, unsigned char* buffer, uLong* crc) {
+  *crc = crc32(0L, Z_NULL, 0);
+  size_t count = CZip::kBlockSize;
+  while (count == CZip::kBlockSize) {
+    if (!source->read(buffer, CZip::kBlockSize, &count))
+      return false;
+    *crc = crc32(*crc, buffer, static_cast<uInt>(count));
+  }
+  return source->rewind();
 }
 
 // What went into an entry written as raw data.
 struct RawEntryTotals {
   ZPOS64_T size = 0;
   uLong crc = 0;
-  int failure = 0;  // the code of a write that failed, or 0
+  bool failed = false;  // a read or write failed (logged)
 };
 
-// Streams the file into an entry opened raw: deflates it here and encrypts
-// the result, after the header that carries `headerCrc`. A file that can't
-// be opened gives an empty entry; a read failure ends the data early and a
-// write failure leaves the entry short.
-RawEntryTotals CopyIntoEncryptedEntry(zipFile archive, const std::string& path,
-                                      const std::string& password, uint32_t headerCrc,
-                                      unsigned char* in, unsigned char* out) {
+// Streams the source into an entry opened raw: deflates it here and
+// encrypts the result, after the header that carries `headerCrc`.
+RawEntryTotals CopyIntoEncryptedEntry(zipFile archive, CEntrySource* source,
+                                      const std::string& path, const std::string& password,
+                                      uint32_t headerCrc, unsigned char* in, unsigned char* out) {
   RawEntryTotals totals;
   totals.crc = crc32(0L, Z_NULL, 0);
   CZipCrypto cipher(password);
   unsigned char random[CZipCrypto::kRandomSize];
-  std::random_device source;
+  std::random_device randomSource;
   for (unsigned char& byte : random)
-    byte = static_cast<unsigned char>(source());
+    byte = static_cast<unsigned char>(randomSource());
   unsigned char header[CZipCrypto::kHeaderSize];
   cipher.makeHeader(headerCrc, random, header);
   int written = zipWriteInFileInZip(archive, header, sizeof(header));
   if (written < 0) {
     KLOG_LIBRARY("zipWriteInFileInZip", written, "%s", path.c_str());
-    totals.failure = written;
+    totals.failed = true;
     return totals;
   }
   CDeflateStream deflater;
   const int initialized = deflater.start();
   if (initialized != Z_OK) {
     KLOG_LIBRARY("deflateInit2", initialized, "%s", path.c_str());
-    totals.failure = initialized;
+    totals.failed = true;
     return totals;
   }
   z_stream* stream = deflater.get();
-  FileHandle file(fopen(path.c_str(), "rb"));
   int flush = Z_NO_FLUSH;
   while (flush != Z_FINISH) {
     size_t count = 0;
-    if (file) {
-      count = fread(in, 1, CZip::kBlockSize, file.get());
-      if (count < CZip::kBlockSize && ferror(file.get()))
-        KLOG_E("Could not read %s", path.c_str());
+    if (!source->read(in, CZip::kBlockSize, &count)) {
+      totals.failed = true;
+      return totals;
     }
     if (count < CZip::kBlockSize)
       flush = Z_FINISH;
@@ -176,7 +184,7 @@ RawEntryTotals CopyIntoEncryptedEntry(zipFile archive, const std::string& path,
       written = zipWriteInFileInZip(archive, out, static_cast<unsigned>(produced));
       if (written < 0) {
         KLOG_LIBRARY("zipWriteInFileInZip", written, "%s", path.c_str());
-        totals.failure = written;
+        totals.failed = true;
         return totals;
       }
     } while (stream->avail_out == 0);
@@ -360,16 +368,27 @@ ResultCode CZip::createZipFile(const std::vector<std::string>& files, const std:
     struct stat info;
     return stat(path.c_str(), &info) == 0 && file.isArchive(info);
   };
-  if (password.empty() && workers != kSequential)
-    result = CParallelZip(zip, files, names, isArchive, workers).run();
-  else
-    result = writeEntries(zip, files, names, password, isArchive);
+  size_t entries = 0;
+  if (password.empty() && workers != kSequential) {
+    CParallelZip pool(zip, files, names, isArchive, workers);
+    result = pool.run();
+    entries = pool.entriesWritten();
+  } else {
+    result = writeEntries(zip, files, names, password, isArchive, &entries);
+  }
+  // The central directory starts where the last entry ended.
+  const uint64_t centralOffset = file.position();
   // zipClose writes the central directory: a failure here leaves an archive
   // that no reader can open, however well the entries went.
   const int closed = zipClose(zip, nullptr);
   if (result == 0 && closed != ZIP_OK) {
     KLOG_LIBRARY("zipClose", closed, nullptr);
     result = GLOBAL_ERROR_UNEXPECTED;
+  }
+  if (result == 0) {
+    result = CompleteArchiveTail(&file, centralOffset, entries);
+    if (result != 0)
+      KLOG_RC(LOG_LEVEL_E, "CompleteArchiveTail", result);
   }
   if (result != 0) {
     file.discard();
@@ -383,7 +402,8 @@ ResultCode CZip::createZipFile(const std::vector<std::string>& files, const std:
 
 ResultCode CZip::writeEntries(zipFile zip, const std::vector<std::string>& files,
                               const std::vector<std::string>& names, const std::string& password,
-                              const std::function<bool(const std::string&)>& isArchive) {
+                              const std::function<bool(const std::string&)>& isArchive,
+                              size_t* written) {
   std::unique_ptr<unsigned char[]> in(new unsigned char[kBlockSize]);
   std::unique_ptr<unsigned char[]> out(new unsigned char[kBlockSize]);
 
@@ -398,15 +418,21 @@ ResultCode CZip::writeEntries(zipFile zip, const std::vector<std::string>& files
     info.external_fa = getFileAttributes(file);
     if (!getFileDate(file, &info.tmz_date))
       KLOG_W("Failed to get file time attributes.");
-    const int zip64 = isLargeFile(file) ? 1 : 0;
+    // A file that can't be read whole fails the archive (see EntrySource.h).
+    CEntrySource source;
+    if (!source.open(file))
+      return GLOBAL_ERROR_UNEXPECTED;
 
     const char* entryPassword = nullptr;
     uLong crc = 0;
     if (!password.empty()) {
-      crc = getCrc(file);
+      if (!SourceCrc(&source, in.get(), &crc))
+        return GLOBAL_ERROR_UNEXPECTED;
       if (crc != 0)
         entryPassword = password.c_str();
     }
+    const uint64_t overhead = entryPassword == nullptr ? 0 : CZipCrypto::kHeaderSize;
+    const int zip64 = ZipEntryNeedsZip64(source.size(), overhead) ? 1 : 0;
     int opened;
     if (entryPassword == nullptr) {
       opened =
@@ -428,14 +454,13 @@ ResultCode CZip::writeEntries(zipFile zip, const std::vector<std::string>& files
     }
     int closed;
     if (entryPassword == nullptr) {
-      const int copied = CopyIntoEntry(zip, file, in.get());
-      if (copied < 0)
+      if (!CopyIntoEntry(zip, &source, file, in.get()))
         return GLOBAL_ERROR_UNEXPECTED;
       closed = zipCloseFileInZip(zip);
     } else {
       const RawEntryTotals totals =
-          CopyIntoEncryptedEntry(zip, file, password, crc, in.get(), out.get());
-      if (totals.failure < 0)
+          CopyIntoEncryptedEntry(zip, &source, file, password, crc, in.get(), out.get());
+      if (totals.failed)
         return GLOBAL_ERROR_UNEXPECTED;
       closed = zipCloseFileInZipRaw64(zip, totals.size, totals.crc);
     }
@@ -444,6 +469,7 @@ ResultCode CZip::writeEntries(zipFile zip, const std::vector<std::string>& files
                    closed, nullptr);
       return GLOBAL_ERROR_UNEXPECTED;
     }
+    ++*written;
   }
   return 0;
 }
@@ -515,7 +541,7 @@ bool CZip::isLargeFile(const std::string& path) {
   if (fseeko(file.get(), 0, SEEK_END) != 0)
     return false;
   const off_t size = ftello(file.get());
-  return size >= 0 && static_cast<uint64_t>(size) >= kLargeFileSize;
+  return size >= 0 && ZipEntryNeedsZip64(static_cast<uint64_t>(size), 0);
 }
 
 bool CZip::createPath(const std::string& path) {

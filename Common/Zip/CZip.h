@@ -10,8 +10,9 @@
 // sorted. Names are relative to the source folder with "/" between folders.
 // There are no folder entries (an empty folder is lost), and symbolic links
 // and special files are left out. Entries carry no extra fields, comments or
-// external attributes; zip64 is chosen per entry by size. With a password,
-// entries are encrypted with the classic zip scheme.
+// external attributes; zip64 is chosen per entry from the most its data can
+// deflate to. With a password, entries are encrypted with the classic zip
+// scheme.
 //
 // Entries are deflated on a pool of worker threads (CParallelZip), one per
 // core, and written in walk order; the archive is byte for byte the one the
@@ -20,9 +21,11 @@
 //
 // The archive is built in a new file beside its path and renamed onto the
 // path only once it is whole (CArchiveFile): a failure leaves the path as it
-// was. A file that can't be read still gives an empty entry and the archive
-// counts as made (the log says what happened); every failure to write the
-// archive, to open or close an entry, or to close the archive is returned.
+// was. A listed file that can't be opened or read whole fails the archive
+// (CEntrySource), as does every failure to write the archive, to open or
+// close an entry, or to close the archive: an archive is whole or not made.
+// Past 65,535 entries or 4 GiB the archive ends with zip64 end records
+// (ArchiveTail.h).
 #ifndef COMMON_ZIP_CZIP_H_
 #define COMMON_ZIP_CZIP_H_
 
@@ -40,7 +43,8 @@ class CZip {
  public:
   // The size of every read and write buffer.
   static constexpr size_t kBlockSize = 16384;
-  // Files of this size or more get zip64 headers.
+  // Files of this size or more get zip64 headers whatever their data;
+  // smaller ones may too (see isLargeFile).
   static constexpr uint64_t kLargeFileSize = 0xFFFFFFFFull;
   // As a number of worker threads: deflate on the calling thread, through
   // the sequential path.
@@ -98,8 +102,9 @@ class CZip {
   // file).
   static uint32_t getCrc(const std::string& path);
 
-  // Whether the file needs zip64 headers: its size is kLargeFileSize or
-  // more. False if it can't be opened.
+  // Whether the file's entry needs zip64 headers: its size, or the most
+  // deflate can make of it (ZipEntryNeedsZip64), reaches kLargeFileSize.
+  // False if it can't be opened.
   static bool isLargeFile(const std::string& path);
 
   // Makes every missing folder of the absolute `path` with mode 0777 (less
@@ -118,11 +123,12 @@ class CZip {
 
  private:
   // The sequential path: reads, deflates (and encrypts) and writes each
-  // entry in turn on the calling thread. Files for which `isArchive` holds
-  // are left out.
+  // entry in turn on the calling thread, counting them in `written`. Files
+  // for which `isArchive` holds are left out.
   static ResultCode writeEntries(zipFile zip, const std::vector<std::string>& files,
                                  const std::vector<std::string>& names, const std::string& password,
-                                 const std::function<bool(const std::string&)>& isArchive);
+                                 const std::function<bool(const std::string&)>& isArchive,
+                                 size_t* written);
 };
 
 #endif  // COMMON_ZIP_CZIP_H_

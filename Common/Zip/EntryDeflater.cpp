@@ -5,6 +5,28 @@
 #include "Common/Log/Log.h"
 #include "Common/Utility/ScopedHandles.h"
 #include "Common/Zip/CZip.h"
+#include "Common/Zip/EntrySource.h"
+
+namespace {
+
+// The largest size a header without zip64 can hold is one less: minizip
+// takes 0xFFFFFFFF itself as the sign of a zip64 entry.
+constexpr uint64_t kZip64Size = 0xFFFFFFFFull;
+
+}  // namespace
+
+bool ZipEntryNeedsZip64(uint64_t size, uint64_t overhead) {
+  if (size >= kZip64Size)
+    return true;
+  // deflateBound answers for the settings of the stream it is given, and
+  // only reads it, so one stream set up once serves every thread.
+  static CDeflateStream settings;
+  static const int ready = settings.start();
+  if (ready != Z_OK)
+    return true;  // no bound to go by: zip64 is never wrong
+  const uint64_t bound = deflateBound(settings.get(), static_cast<uLong>(size));
+  return bound + overhead >= kZip64Size;
+}
 
 CDeflateStream::CDeflateStream() {
   memset(&m_stream, 0, sizeof(m_stream));
@@ -29,7 +51,7 @@ int CDeflateStream::start() {
 CEntryDeflater::CEntryDeflater()
     : m_input(new unsigned char[CZip::kBlockSize]), m_output(new unsigned char[kOutputSize]) {}
 
-CEntryDeflater::Totals CEntryDeflater::deflateFile(const std::string& path, const Sink& sink) {
+CEntryDeflater::Totals CEntryDeflater::deflateFile(CEntrySource* source, const Sink& sink) {
   Totals totals;
   totals.crc = crc32(0L, Z_NULL, 0);
   totals.failure = m_stream.start();
@@ -41,9 +63,12 @@ CEntryDeflater::Totals CEntryDeflater::deflateFile(const std::string& path, cons
 
   // The blocks minizip would have been handed: whole blocks of kBlockSize
   // until the end, then what is left.
-  FileHandle file(fopen(path.c_str(), "rb"));
-  while (file) {
-    const size_t count = fread(m_input.get(), 1, CZip::kBlockSize, file.get());
+  for (;;) {
+    size_t count = 0;
+    if (!source->read(m_input.get(), CZip::kBlockSize, &count)) {
+      totals.unreadable = true;
+      return totals;
+    }
     if (count > 0) {
       totals.crc = crc32(totals.crc, m_input.get(), static_cast<uInt>(count));
       totals.size += count;
@@ -52,11 +77,8 @@ CEntryDeflater::Totals CEntryDeflater::deflateFile(const std::string& path, cons
       if (!pump(Z_NO_FLUSH, &totals, sink))
         return totals;
     }
-    if (count < CZip::kBlockSize) {
-      if (ferror(file.get()))
-        KLOG_E("Could not read %s", path.c_str());
+    if (count < CZip::kBlockSize)
       break;
-    }
   }
   stream->next_in = nullptr;
   stream->avail_in = 0;

@@ -17,6 +17,7 @@
 #include <zlib.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -27,6 +28,19 @@ constexpr int kZipDeflateLevel = 9;
 constexpr int kZipWindowBits = -MAX_WBITS;
 constexpr int kZipMemLevel = 8;
 constexpr int kZipStrategy = Z_DEFAULT_STRATEGY;
+
+// Whether an entry of `size` bytes needs zip64 headers. A header without
+// them has room for sizes up to 0xFFFFFFFE, and it is written before the
+// data is deflated, so the decision rests on what the data may become:
+// deflate makes data that does not compress a little larger (a stored
+// block's header for every block), and a file just under 4 GiB can deflate
+// to more than 4 GiB. zlib's deflateBound for the settings above gives the
+// most it can make of `size` bytes; `overhead` is what is stored before the
+// deflated data (an encryption header). The same answer on every path, so
+// that they write the same archive.
+bool ZipEntryNeedsZip64(uint64_t size, uint64_t overhead);
+
+class CEntrySource;
 
 // A z_stream for deflating with the settings above, ended on destruction.
 class CDeflateStream {
@@ -53,10 +67,11 @@ class CEntryDeflater {
 
   // What went into one entry.
   struct Totals {
-    uLong crc = 0;         // CRC-32 of the bytes read
-    ZPOS64_T size = 0;     // number of bytes read
-    int failure = Z_OK;    // a zlib failure, which spoils the entry
-    bool stopped = false;  // the sink asked to stop
+    uLong crc = 0;            // CRC-32 of the bytes read
+    ZPOS64_T size = 0;        // number of bytes read
+    int failure = Z_OK;       // a zlib failure, which spoils the entry
+    bool unreadable = false;  // the file could not be read whole (logged)
+    bool stopped = false;     // the sink asked to stop
   };
 
   // One piece of an entry's compressed output.
@@ -79,10 +94,9 @@ class CEntryDeflater {
 
   CEntryDeflater();
 
-  // Deflates the bytes of `path`. A file that can't be opened gives the
-  // stream of no data; a read failure ends the data early (logged). Neither
-  // counts as a failure.
-  Totals deflateFile(const std::string& path, const Sink& sink);
+  // Deflates the bytes of the opened `source`. When it can't be read whole
+  // the entry stops with `unreadable` set, and nothing more is handed on.
+  Totals deflateFile(CEntrySource* source, const Sink& sink);
 
  private:
   // Runs deflate over the input in the stream with `flush` and hands every

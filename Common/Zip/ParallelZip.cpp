@@ -7,6 +7,7 @@
 #include "Common/Log/Log.h"
 #include "Common/Zip/CZip.h"
 #include "Common/Zip/EntryDeflater.h"
+#include "Common/Zip/EntrySource.h"
 #include "Common/Zip/ZipLog.h"
 
 namespace {
@@ -70,6 +71,7 @@ ResultCode CParallelZip::run() {
         stopWith(result);
         break;
       }
+      ++m_written;
     }
     popFront();
   }
@@ -125,11 +127,21 @@ void CParallelZip::deflateInto(Slot* slot, CEntryDeflater* deflater) {
   slot->info.external_fa = CZip::getFileAttributes(file);
   if (!CZip::getFileDate(file, &slot->info.tmz_date))
     KLOG_W("Failed to get file time attributes.");
-  slot->zip64 = CZip::isLargeFile(file) ? 1 : 0;
+  // A file that can't be read whole fails the archive (see EntrySource.h).
+  CEntrySource source;
+  if (!source.open(file)) {
+    stopWith(GLOBAL_ERROR_UNEXPECTED);
+    return;
+  }
+  slot->zip64 = ZipEntryNeedsZip64(source.size(), 0) ? 1 : 0;
 
   const CEntryDeflater::Totals totals = deflater->deflateFile(
-      file, [this, slot](const CEntryDeflater::Piece& piece) { return publish(slot, piece); });
-  if (!totals.stopped && totals.failure != Z_OK) {
+      &source, [this, slot](const CEntryDeflater::Piece& piece) { return publish(slot, piece); });
+  if (totals.stopped)
+    return;
+  if (totals.unreadable) {
+    stopWith(GLOBAL_ERROR_UNEXPECTED);
+  } else if (totals.failure != Z_OK) {
     KLOG_LIBRARY("deflate", totals.failure, "%s", file.c_str());
     stopWith(GLOBAL_ERROR_UNEXPECTED);
   }

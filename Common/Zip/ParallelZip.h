@@ -21,10 +21,10 @@
 // writer. In all, the queue never holds more than the budget plus the front
 // limit plus one piece (CEntryDeflater::kOutputSize).
 //
-// A file that can't be read gives an empty entry, as in the sequential path.
-// A failure of minizip (a write, an entry open or close) or of zlib stops
-// the workers and is returned; the archive is then incomplete and the
-// caller discards it.
+// A file that can't be opened or read whole, or a failure of minizip (a
+// write, an entry open or close) or of zlib, stops the workers and is
+// returned, as on the sequential path; the archive is then incomplete and
+// the caller discards it.
 //
 // Ownership: the object borrows the archive and the lists for the length of
 // run(); it owns its worker threads, which run() starts and joins. Only the
@@ -74,12 +74,15 @@ class CParallelZip {
   CParallelZip(const CParallelZip&) = delete;
   CParallelZip& operator=(const CParallelZip&) = delete;
 
-  // Writes every entry; 0, or GLOBAL_ERROR_UNEXPECTED (logged) when minizip
-  // or zlib failed. Call once.
+  // Writes every entry; 0, or GLOBAL_ERROR_UNEXPECTED (logged) when a file
+  // could not be read whole or minizip or zlib failed. Call once.
   ResultCode run();
 
   // The most compressed bytes that waited at once during run().
   size_t peakQueued() const { return m_peakQueued; }
+
+  // The number of entries run() wrote.
+  size_t entriesWritten() const { return m_written; }
 
  private:
   struct Slot;
@@ -113,6 +116,7 @@ class CParallelZip {
   size_t m_nextIndex = 0;                      // the next file to take
   size_t m_queued = 0;                         // compressed bytes waiting over all entries
   size_t m_peakQueued = 0;
+  size_t m_written = 0;  // the writer's count; read after run()
   bool m_stop = false;
   ResultCode m_failure = 0;
 };
