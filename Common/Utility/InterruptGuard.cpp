@@ -33,9 +33,9 @@ const int kTerminatingSignals[] = {
 // fault (or by abort(), or by the process to itself) they go back to the
 // disposition from before: the memory and locks of a faulting process can't
 // be trusted to carry out the clean-up (the faulting thread may hold the
-// guard's own lock, or the heap may be broken), the default action leaves a
-// core to find the fault with, and a later run removes the working folders
-// that dead runs left.
+// guard's own lock, or the heap may be broken), and the default action
+// leaves a core to find the fault with. What the run made then stays, as
+// after a kill -9.
 const int kFaultSignals[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGTRAP, SIGABRT, SIGSYS};
 
 // Another thread may still be writing into a folder while it is removed; a

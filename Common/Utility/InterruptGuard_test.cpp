@@ -59,6 +59,9 @@ TEST(InterruptGuard, CleanUpKillsRemovesAndGivesTheExitStatus) {
   int status = 0;
   ASSERT_EQ(group, waitpid(group, &status, 0));
   EXPECT_TRUE(WIFSIGNALED(status));
+  // The killed grandchild is gone once its new parent has collected it.
+  for (int i = 0; i < 500 && kill(-group, 0) == 0; ++i)
+    usleep(10000);
   EXPECT_NE(0, kill(-group, 0)) << "the grandchild still runs";
   EXPECT_FALSE(PathExists(dir.Sub("work")));
   EXPECT_FALSE(PathExists(dir.Sub("bundle.tmp")));
@@ -160,6 +163,13 @@ TEST(InterruptGuardConcurrency, AbortOfTheProcessItselfKeepsItsDefaultAction) {
   EXPECT_TRUE(PathExists(dir.Sub("work/a.txt")));
 }
 
+// Sleeps for `time` on the clock: the storm cuts every single sleep short.
+void SleepUnderSignals(std::chrono::steady_clock::duration time) {
+  const auto until = std::chrono::steady_clock::now() + time;
+  while (std::chrono::steady_clock::now() < until)
+    usleep(1000);
+}
+
 // Signals sent as fast as one process can while the clean-up is held back
 // fill any pipe many times over; the handler must drop what does not fit
 // rather than wait for room that the held-back watcher will never make.
@@ -179,12 +189,9 @@ TEST(InterruptGuardConcurrency, StormOfSignalsNeverBlocksTheHandler) {
       CInterruptGuard::Hold hold;
       if (write(ready[1], "r", 1) != 1)
         _exit(1);
-      const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(3);
-      while (std::chrono::steady_clock::now() < until)
-        usleep(1000);
+      SleepUnderSignals(std::chrono::seconds(3));
     }
-    for (int i = 0; i < 500; ++i)
-      usleep(10000);
+    SleepUnderSignals(std::chrono::seconds(30));
     _exit(2);
   }
   close(ready[1]);
