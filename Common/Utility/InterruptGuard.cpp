@@ -9,14 +9,35 @@
 #include <cstring>
 #include <mutex>
 #include <set>
-#include <thread>
+#include <vector>
 
 #include "Common/Log/Log.h"
+#include "Common/Utility/JoinableThread.h"
 
 namespace {
 
-const int kSignals[] = {SIGINT, SIGTERM, SIGHUP};
-constexpr size_t kSignalCount = sizeof(kSignals) / sizeof(kSignals[0]);
+// Signals whose default action ends the process and that only ever come
+// from outside it (a user, a terminal, a timer, a resource limit other than
+// the file size, which the entry catches itself so that writes fail). The
+// real-time signals are added at run time: their range is the C library's.
+const int kTerminatingSignals[] = {
+    SIGINT,    SIGTERM,   SIGHUP,  SIGQUIT, SIGUSR1, SIGUSR2,
+    SIGALRM,   SIGVTALRM, SIGPROF, SIGXCPU, SIGIO,   SIGPWR,
+#ifdef SIGSTKFLT
+    SIGSTKFLT,
+#endif
+};
+
+// Signals the kernel raises for a fault of the process itself. Sent by
+// another process they are interruptions like the ones above. Raised by a
+// fault (or by abort(), or by the process to itself) they go back to the
+// disposition from before: the memory and locks of a faulting process can't
+// be trusted to carry out the clean-up (the faulting thread may hold the
+// guard's own lock, or the heap may be broken), and the default action
+// leaves a core to find the fault with. What the run made then stays, as
+// after a kill -9.
+const int kFaultSignals[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGTRAP, SIGABRT, SIGSYS};
+
 // Another thread may still be writing into a folder while it is removed; a
 // few passes catch what it added meanwhile.
 constexpr int kRemovePasses = 20;
@@ -33,8 +54,9 @@ struct GuardState {
   std::set<std::string> files;
   std::set<pid_t> processes;
   bool installed = false;
-  std::thread watcher;
-  struct sigaction previous[kSignalCount];
+  CJoinableThread watcher;
+  std::vector<int> caught;          // every signal with a handler of the guard
+  struct sigaction previous[NSIG];  // their dispositions from before, by number
 };
 
 GuardState& State() {
@@ -46,6 +68,10 @@ GuardState& State() {
 volatile sig_atomic_t g_writeEnd = -1;
 int g_readEnd = -1;
 
+// The write end is non-blocking: when a storm of signals has filled the
+// pipe, the byte is dropped rather than the handler blocked (which, on the
+// watcher's own thread, would stop the one reader for ever). The watcher
+// acts on the first byte only, so nothing is lost.
 void OnSignal(int signalNumber) {
   const int saved = errno;
   const unsigned char byte = static_cast<unsigned char>(signalNumber);
@@ -54,6 +80,75 @@ void OnSignal(int signalNumber) {
     (void)ignored;
   }
   errno = saved;
+}
+
+// Only ever called with a number below NSIG; the dispositions from before
+// stay as they are while the handler is in place.
+void OnFault(int signalNumber, siginfo_t* info, void* /*context*/) {
+  const bool sent = info != nullptr && info->si_code <= 0;
+  if (sent && info->si_pid != getpid()) {
+    OnSignal(signalNumber);
+    return;
+  }
+  sigaction(signalNumber, &State().previous[signalNumber], nullptr);
+  // A real fault happens again when the handler returns, now under the old
+  // disposition. A signal the process sent itself has to be sent again.
+  if (!sent)
+    return;
+  raise(signalNumber);
+}
+
+std::vector<int> TerminatingSignals() {
+  std::vector<int> signals(std::begin(kTerminatingSignals), std::end(kTerminatingSignals));
+  for (int number = SIGRTMIN; number <= SIGRTMAX; ++number)
+    signals.push_back(number);
+  return signals;
+}
+
+void Catch(GuardState& state, int signalNumber, const struct sigaction& action) {
+  if (sigaction(signalNumber, nullptr, &state.previous[signalNumber]) != 0)
+    return;
+  if (sigaction(signalNumber, &action, nullptr) == 0)
+    state.caught.push_back(signalNumber);
+}
+
+void CatchAll(GuardState& state) {
+  struct sigaction interruption;
+  memset(&interruption, 0, sizeof(interruption));
+  interruption.sa_handler = OnSignal;
+  interruption.sa_flags = SA_RESTART;
+  sigemptyset(&interruption.sa_mask);
+  for (int number : TerminatingSignals())
+    Catch(state, number, interruption);
+  struct sigaction fault = interruption;
+  fault.sa_handler = nullptr;
+  fault.sa_sigaction = OnFault;
+  fault.sa_flags = SA_RESTART | SA_SIGINFO;
+  for (int number : kFaultSignals)
+    Catch(state, number, fault);
+}
+
+// Starts the watcher with every terminating signal blocked, so that the
+// handler never runs on its thread and a storm of signals cannot keep
+// interrupting the clean-up.
+ResultCode StartWatcher(GuardState& state, void (*watch)()) {
+  sigset_t blocked;
+  sigemptyset(&blocked);
+  for (int number : TerminatingSignals())
+    sigaddset(&blocked, number);
+  sigset_t before;
+  pthread_sigmask(SIG_BLOCK, &blocked, &before);
+  const ResultCode started = state.watcher.start(watch);
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  return started;
+}
+
+void ClosePipe() {
+  const int writeEnd = g_writeEnd;
+  g_writeEnd = -1;
+  close(writeEnd);
+  close(g_readEnd);
+  g_readEnd = -1;
 }
 
 int RemoveEntry(const char* path, const struct stat* /*info*/, int type, struct FTW* /*walk*/) {
@@ -101,26 +196,34 @@ void Erase(std::set<T>& set, const T& value) {
 
 }  // namespace
 
-bool CInterruptGuard::Install() {
+bool CInterruptGuard::Install(ResultCode* reason) {
+  ResultCode ignored = 0;
+  ResultCode& why = reason != nullptr ? *reason : ignored;
+  why = 0;
   GuardState& state = State();
   std::lock_guard<std::recursive_mutex> lock(state.lock);
   if (state.installed)
     return true;
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) {
-    KLOG_RC(LOG_LEVEL_E, "pipe2", static_cast<ResultCode>(errno));
+    why = static_cast<ResultCode>(errno);
+    KLOG_RC(LOG_LEVEL_E, "pipe2", why);
     return false;
   }
   g_readEnd = ends[0];
   g_writeEnd = ends[1];
-  state.watcher = std::thread(Watch);
-  struct sigaction action;
-  memset(&action, 0, sizeof(action));
-  action.sa_handler = OnSignal;
-  action.sa_flags = SA_RESTART;
-  sigemptyset(&action.sa_mask);
-  for (size_t i = 0; i < kSignalCount; ++i)
-    sigaction(kSignals[i], &action, &state.previous[i]);
+  if (fcntl(g_writeEnd, F_SETFL, O_NONBLOCK) != 0) {
+    why = static_cast<ResultCode>(errno);
+    KLOG_RC(LOG_LEVEL_E, "fcntl", why);
+    ClosePipe();
+    return false;
+  }
+  why = StartWatcher(state, Watch);
+  if (why != 0) {
+    ClosePipe();
+    return false;
+  }
+  CatchAll(state);
   state.installed = true;
   return true;
 }
@@ -130,8 +233,9 @@ void CInterruptGuard::Uninstall() {
   std::unique_lock<std::recursive_mutex> lock(state.lock);
   if (!state.installed)
     return;
-  for (size_t i = 0; i < kSignalCount; ++i)
-    sigaction(kSignals[i], &state.previous[i], nullptr);
+  for (int number : state.caught)
+    sigaction(number, &state.previous[number], nullptr);
+  state.caught.clear();
   state.installed = false;
   lock.unlock();
   // A signal that came before the dispositions went back is still in the
@@ -140,11 +244,7 @@ void CInterruptGuard::Uninstall() {
   ssize_t ignored = write(g_writeEnd, &stop, 1);
   (void)ignored;
   state.watcher.join();
-  const int writeEnd = g_writeEnd;
-  g_writeEnd = -1;
-  close(writeEnd);
-  close(g_readEnd);
-  g_readEnd = -1;
+  ClosePipe();
 }
 
 void CInterruptGuard::TrackFolder(const std::string& path) {

@@ -1,5 +1,5 @@
-// CInterruptGuard: what a bundle run leaves behind if SIGINT, SIGTERM or
-// SIGHUP ends it, and the cleaning up before the process exits.
+// CInterruptGuard: what a bundle run leaves behind if a signal ends it, and
+// the cleaning up before the process exits.
 //
 // A run copies root-only files into a working folder and writes an archive
 // beside the bundle path; a signal must take neither with it into a state
@@ -10,10 +10,19 @@
 // processes, removes the folders and files and ends the process with 128
 // plus the signal number.
 //
+// The signals are every one whose default action ends the process: SIGINT,
+// SIGTERM, SIGHUP, SIGQUIT, the user, timer, CPU-limit, I/O, power and
+// real-time signals, and the fault signals (SIGSEGV, SIGBUS, SIGILL, SIGFPE,
+// SIGTRAP, SIGABRT, SIGSYS) when another process sends them. A real fault
+// of the process, or its own abort(), gets the disposition from before:
+// such a process is in no state to clean up. SIGPIPE and SIGXFSZ are left
+// to the program's entry, which makes writes fail with EPIPE and EFBIG.
+//
 // Install() sets the handlers and starts the watcher; Uninstall() takes both
 // back and restores the dispositions from before. Between the two, the
 // handler only writes the signal number to a pipe (all it may do in signal
-// context); the work happens on the watcher thread. Every function is
+// context), never waiting for room in it; the work happens on the watcher
+// thread, which has the signals blocked. Every function is
 // thread-safe and may be called whether or not the guard is installed:
 // registration without an installed guard only records.
 #ifndef COMMON_UTILITY_INTERRUPTGUARD_H_
@@ -23,12 +32,15 @@
 
 #include <string>
 
+#include "Common/Result/ResultCode.h"
+
 class CInterruptGuard {
  public:
-  // Catches SIGINT, SIGTERM and SIGHUP until Uninstall. False (and logged)
-  // when the pipe or the watcher can't be made; the run then goes on
-  // unguarded.
-  static bool Install();
+  // Catches the signals above until Uninstall. False (and logged) when the
+  // pipe or the watcher can't be made, with the reason in *reason when given:
+  // THREAD_ERROR_CREATE_FAILED when the system refused the watcher thread,
+  // the errno value when the pipe could not be made.
+  static bool Install(ResultCode* reason = nullptr);
   static void Uninstall();
 
   // A folder to remove with everything below it on a signal.

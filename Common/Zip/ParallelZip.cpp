@@ -2,9 +2,10 @@
 
 #include <algorithm>
 #include <cstring>
-#include <thread>
+#include <list>
 
 #include "Common/Log/Log.h"
+#include "Common/Utility/JoinableThread.h"
 #include "Common/Zip/CZip.h"
 #include "Common/Zip/EntryDeflater.h"
 #include "Common/Zip/EntrySource.h"
@@ -56,10 +57,16 @@ CParallelZip::CParallelZip(zipFile zip, const std::vector<std::string>& files,
 CParallelZip::~CParallelZip() = default;
 
 ResultCode CParallelZip::run() {
-  std::vector<std::thread> workers;
-  workers.reserve(m_workerCount);
-  for (unsigned i = 0; i < m_workerCount; ++i)
-    workers.emplace_back(&CParallelZip::work, this);
+  // A worker the system refuses fails the archive; the ones started end
+  // on the stop.
+  std::list<CJoinableThread> workers;
+  for (unsigned i = 0; i < m_workerCount; ++i) {
+    workers.emplace_back();
+    if (workers.back().start([this] { work(); }) != 0) {
+      stopWith(THREAD_ERROR_CREATE_FAILED);
+      break;
+    }
+  }
 
   for (size_t i = 0; i < m_files.size(); ++i) {
     Slot* slot = waitForFront();
@@ -83,7 +90,7 @@ ResultCode CParallelZip::run() {
     failure = m_failure;
   }
   m_workersWake.notify_all();
-  for (std::thread& worker : workers)
+  for (CJoinableThread& worker : workers)
     worker.join();
   return failure;
 }

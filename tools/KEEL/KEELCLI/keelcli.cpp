@@ -18,6 +18,7 @@
 #include "Common/Xml/XmlLocalTWPolMgr.h"
 #include "Common/i18n/MsgCatalog.h"
 #include "CommonCrypt/DeviceIDHash.h"
+#include "tools/KEEL/KEELCLI/ProcessStart.h"
 #include "tools/KEEL/KEELEngine/implementations/KEELEngine.h"
 #include "tools/KEEL/KEELEngine/implementations/helperUtil.h"
 
@@ -318,6 +319,10 @@ bool announceRun(bool customRun) {
 }
 
 int keelMain(int argc, char** argv) {
+  // Before anything opens a descriptor: the first ones opened must not take
+  // the place of a closed standard stream.
+  makeStandardDescriptorsValid();
+  catchWriteSignals();
   // Logging is open before anything else runs and closes as the last step,
   // on every way out.
   ResultCode logResult = 0;

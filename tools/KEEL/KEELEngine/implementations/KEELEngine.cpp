@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <list>
 #include <string>
 #include <thread>
 
@@ -10,6 +11,7 @@
 
 #include "Common/Log/Log.h"
 #include "Common/Utility/InterruptGuard.h"
+#include "Common/Utility/JoinableThread.h"
 #include "Common/Utility/ScopedHandles.h"
 #include "Common/Utility/Thread.h"
 #include "Common/Utility/sysutils.h"
@@ -37,6 +39,7 @@ int IdTextAddress(const std::string& text) {
 }
 
 const char kSummaryWriteFailedText[] = "Internal Error: failed to write the bundle summary...";
+const char kThreadRefusedText[] = "Internal Error: failed to start a thread...";
 
 }  // namespace
 
@@ -64,7 +67,15 @@ ResultCode KEELEngine::run() {
   // Ctrl-C or a kill in the middle must not leave root's copies in /tmp, a
   // half-written bundle, or programs running on; the guard cleans up and
   // ends the process with 128 plus the signal number.
-  const bool guarded = CInterruptGuard::Install();
+  ResultCode refused = 0;
+  const bool guarded = CInterruptGuard::Install(&refused);
+  // A host that refuses the watcher thread will refuse the pool's threads
+  // too: stop before anything is made. (A guard without its pipe lets the
+  // run go on unguarded, as it always has.)
+  if (!guarded && refused == THREAD_ERROR_CREATE_FAILED) {
+    KLOG_E("the interrupt guard's thread could not be started");
+    return fail(refused, kThreadRefusedText);
+  }
   const ResultCode result = clearMode ? clearLogs() : runCollectorThreads();
   if (guarded)
     CInterruptGuard::Uninstall();
@@ -162,7 +173,11 @@ ResultCode KEELEngine::runCollectorThreads() {
     return result;
 
   ReportProgress(4, "Reading instructions ...");
-  collectAll(poolSize(static_cast<int>(std::thread::hardware_concurrency())));
+  result = collectAll(poolSize(static_cast<int>(std::thread::hardware_concurrency())));
+  if (result != 0) {
+    KLOG_RC(LOG_LEVEL_E, "KEELEngine::collectAll", result);
+    return fail(result, kThreadRefusedText);
+  }
 
   result = 0;
   // A summary.txt with a part missing would tell its reader that files were
@@ -207,8 +222,21 @@ unsigned KEELEngine::poolSize(int hardwareConcurrency) {
   return static_cast<unsigned>(threads);
 }
 
-void KEELEngine::collectAll(unsigned threads) {
-  boost::asio::thread_pool pool(threads);
+ResultCode KEELEngine::collectAll(unsigned threads) {
+  // The pool starts no thread of its own: its constructor throws when the
+  // system refuses one, and after a partial start its destructor would wait
+  // for ever on the threads that did start. Threads started here without
+  // exceptions join it instead, and a refusal stops the ones running.
+  boost::asio::thread_pool pool(0);
+  std::list<CJoinableThread> workers;
+  for (unsigned i = 0; i < threads; ++i) {
+    workers.emplace_back();
+    const ResultCode started = workers.back().start([&pool] { pool.attach(); });
+    if (started != 0) {
+      pool.stop();
+      return started;  // the list joins the started threads, which the stop lets go
+    }
+  }
   int32_t index = 0;
   for (const std::unique_ptr<XMLObject>& owned : configDocs) {
     XMLObject* document = owned.get();
@@ -220,7 +248,11 @@ void KEELEngine::collectAll(unsigned threads) {
     }
     ++index;  // a null entry uses up its index too
   }
-  pool.join();
+  // The workers leave the pool when the last job has run.
+  pool.wait();
+  for (CJoinableThread& worker : workers)
+    worker.join();
+  return 0;
 }
 
 void KEELEngine::collectLog(XMLObject* document, int32_t index, std::shared_ptr<collector> job) {

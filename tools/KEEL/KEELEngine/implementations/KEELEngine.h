@@ -14,9 +14,12 @@
 // failedListLock, the done count atomically, the status channel under the
 // status lock, and the summary-failure flag atomically.
 //
-// While run() works, SIGINT, SIGTERM and SIGHUP end the programs the run
-// started and remove its working folder and any unfinished bundle file
-// before the process exits (CInterruptGuard).
+// While run() works, SIGINT, SIGTERM, SIGHUP and every other signal that
+// would end the process end the programs the run started and remove its
+// working folder and any unfinished bundle file before the process exits
+// (CInterruptGuard). A thread the system refuses (the guard's watcher or a
+// thread of the pool) ends the run with "Internal Error: failed to start a
+// thread..." before anything is left behind.
 #ifndef TOOLS_KEEL_KEELENGINE_IMPLEMENTATIONS_KEELENGINE_H_
 #define TOOLS_KEEL_KEELENGINE_IMPLEMENTATIONS_KEELENGINE_H_
 
@@ -63,8 +66,10 @@ class KEELEngine : public std::enable_shared_from_this<KEELEngine> {
   // Threads of the pool for a reported hardware concurrency: 1 to 6.
   static unsigned poolSize(int hardwareConcurrency);
   // Posts one job per non-null config document, in list order, on a pool
-  // of `threads` threads, and waits for all of them.
-  void collectAll(unsigned threads);
+  // of `threads` threads, and waits for all of them. 0, or
+  // THREAD_ERROR_CREATE_FAILED, before any job ran, when the system refused
+  // a thread.
+  ResultCode collectAll(unsigned threads);
 
   // Takes ownership of a parsed config document (appended to the list;
   // null entries are kept and passed over).
