@@ -56,6 +56,11 @@ TEST(InterruptGuard, CleanUpKillsRemovesAndGivesTheExitStatus) {
   int status = 0;
   ASSERT_EQ(group, waitpid(group, &status, 0));
   EXPECT_TRUE(WIFSIGNALED(status));
+  // The leader is asked to end first and the rest of its group is killed
+  // after it, so the grandchild may still be on its way out here.
+  int waited = 0;
+  while (kill(-group, 0) == 0 && waited++ < 500)
+    usleep(10000);
   EXPECT_NE(0, kill(-group, 0)) << "the grandchild still runs";
   EXPECT_FALSE(PathExists(dir.Sub("work")));
   EXPECT_FALSE(PathExists(dir.Sub("bundle.tmp")));
