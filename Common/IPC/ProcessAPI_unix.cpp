@@ -156,7 +156,10 @@ ResultCode CProcessApi::Launch(ProcessAttributes& attributes,
   }
   CUnixImpersonate user(plan.switchUser ? attributes.userName : nullptr);
 
-  const pid_t child = ForkChildProcess();
+  // A detached start is meant to outlive its caller, so only it goes
+  // without a keeper.
+  const pid_t child =
+      ForkChildProcess(attributes.detached ? ChildKind::kDetached : ChildKind::kContained);
   if (child < 0) {
     KLOG_RC(LOG_LEVEL_E, "fork", static_cast<ResultCode>(errno));
     return PROCESS_API_ERROR_UNKNOWN;
@@ -171,9 +174,16 @@ ResultCode CProcessApi::Launch(ProcessAttributes& attributes,
       KLOG_RC(LOG_LEVEL_E, "waitpid", static_cast<ResultCode>(errno));
     attributes.pid = 0;
   } else {
+    // Nothing collects the child before this: the tool never waits for
+    // any child but a named one.
+    m_children[child].reset(OpenProcessHandle(child));
     attributes.pid = child;
   }
   return 0;
+}
+
+void CProcessApi::forgetChild(int32_t pid) {
+  m_children.erase(pid);
 }
 
 ResultCode CProcessApi::WaitForProcess(int32_t pid, int32_t* exitCode, CCEvent* stopEvent,
@@ -184,10 +194,12 @@ ResultCode CProcessApi::WaitForProcess(int32_t pid, int32_t* exitCode, CCEvent* 
   int status = -1;
 
   if (stopEvent == nullptr && timeoutMs == PROCESS_API_WAIT_INFINITE) {
-    if (CollectChildProcess(pid, &status, 0) < 0) {
+    const pid_t answer = CollectChildProcess(pid, &status, 0);
+    if (answer < 0) {
       KLOG_E("waitpid failed: %s", errnoText(errno).c_str());
       return PROCESS_API_ERROR_UNKNOWN;
     }
+    forgetChild(answer);
   } else {
     m_waitStart = getTickMillis();
     for (;;) {
@@ -200,6 +212,7 @@ ResultCode CProcessApi::WaitForProcess(int32_t pid, int32_t* exitCode, CCEvent* 
         return PROCESS_API_ERROR_UNKNOWN;
       }
       if (answer > 0) {
+        forgetChild(answer);
         status = polled;
         break;
       }
@@ -229,8 +242,10 @@ ResultCode CProcessApi::PollProcess(int32_t pid) {
   const pid_t answer = CollectChildProcess(pid, &status, WNOHANG);
   if (answer == 0)
     return 0;
-  if (answer > 0)
+  if (answer > 0) {
+    forgetChild(answer);
     return PROCESS_API_ERROR_NOTRUNNING;
+  }
   return PROCESS_API_ERROR_UNKNOWN;
 }
 
@@ -240,10 +255,17 @@ ResultCode CProcessApi::KillProcess(int32_t pid) {
     KLOG_E("Refusing to signal process id %d", pid);
     return PROCESS_API_ERROR_BAD_PARAMETER;
   }
-  if (kill(pid, SIGTERM) != 0)
+  const auto child = m_children.find(pid);
+  if (child == m_children.end())
     return PROCESS_API_ERROR_UNKNOWN;
+  if (!SignalProcessHandle(child->second.get(), pid, SIGTERM)) {
+    // Collected elsewhere: the number may be another process's by now.
+    forgetChild(pid);
+    return PROCESS_API_ERROR_UNKNOWN;
+  }
   int status = 0;
   CollectChildProcess(pid, &status, 0);
+  forgetChild(pid);
   return 0;
 }
 

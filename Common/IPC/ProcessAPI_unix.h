@@ -11,9 +11,13 @@
 // Launch, WaitForProcess, PollProcess and KillProcess are virtual: a test
 // stands in for the host's processes by deriving from this class.
 //
-// Ownership: the object does not own the signature checker. Launched
-// processes are not tracked; whoever launches collects them with
-// WaitForProcess, PollProcess or KillProcess.
+// Ownership: the object does not own the signature checker. Whoever
+// launches collects with WaitForProcess, PollProcess or KillProcess. Each
+// program runs below a keeper that ends its whole tree (ChildProcess.h);
+// the pid handed out is the keeper's. The object holds a pidfd for each
+// child it launched and has not collected yet, and signals only those: a
+// pid it collected, or never launched, is never signalled, whoever has the
+// number now.
 //
 // Threads: one object per caller. Launch may run on any thread; the child
 // does only what the launch request asks for before exec. A waitpid for
@@ -26,10 +30,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <list>
+#include <map>
 #include <vector>
 
 #include "Common/Result/ResultCode.h"
 #include "Common/Utility/HostPaths.h"
+#include "Common/Utility/ScopedHandles.h"
 
 class CCEvent;
 
@@ -104,10 +110,11 @@ class CProcessApi {
   // has now been collected; PROCESS_API_ERROR_UNKNOWN for anything else
   // (no such child, or already collected).
   virtual ResultCode PollProcess(int32_t pid);
-  // Sends SIGTERM and waits until the process has ended (a process that is
-  // no child of ours is not waited for). PROCESS_API_ERROR_UNKNOWN when the
-  // signal cannot be sent; ids of 0 and below, which name process groups,
-  // are refused with PROCESS_API_ERROR_BAD_PARAMETER.
+  // Sends SIGTERM to a process this object launched and has not collected,
+  // and waits until it has ended and is collected. PROCESS_API_ERROR_UNKNOWN,
+  // sending nothing, for any other pid, or when the signal cannot be sent;
+  // ids of 0 and below, which name process groups, are refused with
+  // PROCESS_API_ERROR_BAD_PARAMETER.
   virtual ResultCode KillProcess(int32_t pid);
 
   // Installs the checker used when a request sets verifySignature.
@@ -131,6 +138,11 @@ class CProcessApi {
                                       char (&displayEntry)[256], char (&xauthorityEntry)[4096]);
 
  private:
+  // Drops what is kept for `pid` once it has been collected.
+  void forgetChild(int32_t pid);
+
+  // The children launched and not yet collected, with a pidfd each.
+  std::map<int32_t, ScopedFd> m_children;
   // Kept for the family's other programs; this tool never fills it.
   std::list<int32_t> m_trackedProcesses;
   [[maybe_unused]] bool m_trackProcesses = false;

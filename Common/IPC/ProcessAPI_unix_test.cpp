@@ -22,6 +22,7 @@
 #include "Common/IPC/event_testsupport.h"
 #include "Common/Utility/sysutils.h"
 #include "tests/support/FakeDiskHost.h"
+#include "tests/support/ProcessMarkers.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
@@ -121,8 +122,9 @@ TEST(ProcessApiLaunch, ExitSevenGivesResultZeroAndExitCodeSeven) {
 }
 
 TEST(ProcessApiLaunch, LaunchSetsThePidOfTheChild) {
+  // The child is the program's keeper, whose child the program is.
   TempDir dir;
-  WriteScript(dir, "pid.sh", "echo $$ > \"$1\"");
+  WriteScript(dir, "pid.sh", "echo $PPID > \"$1\"");
   const std::string out = dir.Sub("pid.txt");
   CProcessApi api;
   ProcessAttributes attributes;
@@ -637,6 +639,60 @@ TEST(ProcessApiKill, NoChildIsLeftAfterEveryWayOfCollecting) {
   EXPECT_EQ(api.PollProcess(pids[1]), PROCESS_API_ERROR_NOTRUNNING);
   EXPECT_EQ(api.KillProcess(pids[2]), 0u);
   EXPECT_TRUE(NoChildLeft());
+}
+
+TEST(ProcessApiKill, CollectedOrForeignPidIsNeverSignalled) {
+  CProcessApi api;
+  ProcessAttributes attributes;
+  ASSERT_EQ(api.Launch(attributes, "/bin/sh", "-c", "exit 0", nullptr), 0u);
+  ASSERT_EQ(api.WaitForProcess(attributes.pid, nullptr, nullptr, false, 10000), 0u);
+  // A live process this object never launched stands for one that took
+  // over a collected number.
+  const pid_t other = fork();
+  if (other == 0) {
+    pause();
+    _exit(0);
+  }
+  ASSERT_GT(other, 0);
+  EXPECT_EQ(api.KillProcess(attributes.pid), PROCESS_API_ERROR_UNKNOWN);
+  EXPECT_EQ(api.KillProcess(other), PROCESS_API_ERROR_UNKNOWN);
+  int status = 0;
+  EXPECT_EQ(0, waitpid(other, &status, WNOHANG)) << "a process the object never launched ended";
+  kill(other, SIGKILL);
+  waitpid(other, &status, 0);
+}
+
+TEST(ProcessApiKill, KillEndsWhatTheProgramStartedInAnotherSession) {
+  TempDir dir;
+  WriteScript(dir, "starter.sh", keeltest::StartSessionLeavingHelper(dir.path()) + "exec sleep 60");
+  CProcessApi api;
+  ProcessAttributes attributes;
+  attributes.path = dir.path().c_str();
+  ASSERT_EQ(api.Launch(attributes, "starter.sh", nullptr), 0u);
+  // Until the helper runs, then stop the program.
+  for (int i = 0; i < 1000 && !keeltest::PathExists(dir.Sub("helper.ready")); ++i)
+    usleep(10000);
+  ASSERT_TRUE(keeltest::PathExists(dir.Sub("helper.ready")));
+  EXPECT_EQ(api.KillProcess(attributes.pid), 0u);
+  EXPECT_TRUE(keeltest::ProcessesWithMarker(dir.Sub("helper.sh")).empty());
+  EXPECT_TRUE(NoChildLeft());
+  keeltest::KillProcessesWithMarker(dir.Sub("helper.sh"));
+}
+
+TEST(ProcessApiWait, HelperInAnotherSessionEndsWithTheProgram) {
+  TempDir dir;
+  WriteScript(dir, "starter.sh", keeltest::StartSessionLeavingHelper(dir.path()) + "exit 3");
+  CProcessApi api;
+  ProcessAttributes attributes;
+  attributes.path = dir.path().c_str();
+  ASSERT_EQ(api.Launch(attributes, "starter.sh", nullptr), 0u);
+  int32_t exitCode = -1;
+  EXPECT_EQ(api.WaitForProcess(attributes.pid, &exitCode, nullptr, false, 20000), 0u);
+  // The program's own status comes through its keeper.
+  EXPECT_EQ(3, exitCode);
+  EXPECT_TRUE(keeltest::PathExists(dir.Sub("helper.ready")));
+  EXPECT_TRUE(keeltest::ProcessesWithMarker(dir.Sub("helper.sh")).empty());
+  keeltest::KillProcessesWithMarker(dir.Sub("helper.sh"));
 }
 
 // ---------------------------------------------------------------- /proc

@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <string.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -11,6 +12,7 @@
 
 #include "Common/Log/Log.h"
 #include "Common/Utility/ChildProcess.h"
+#include "Common/Utility/ScopedHandles.h"
 #include "Common/Utility/sysutils.h"
 
 namespace {
@@ -26,10 +28,17 @@ constexpr size_t kReadBlock = 1024;
     KLOG_RC_DESC(LOG_LEVEL_E, invoked, static_cast<ResultCode>(saved), text.c_str()); \
   } while (0)
 
+// How long the output is still read once the command and everything it
+// started have ended: what they wrote is in the pipe by then, so only a
+// process outside the command's tree that holds the pipe open (or writes
+// into it still) can use this time.
+constexpr int kDrainMillis = 2000;
+
 // A command run by /bin/sh -c, as popen would run it, with its standard
 // output on a pipe to us. Started here rather than by popen because the
-// child must not inherit the tool's standard input or descriptors, and must
-// lead a process group of its own (ChildProcess.h). Closing collects it.
+// child must not inherit the tool's standard input or descriptors, must
+// lead a process group of its own, and runs below a keeper that ends its
+// whole tree (ChildProcess.h). Closing collects it.
 class CPipedCommand {
  public:
   explicit CPipedCommand(const char* command) { Start(command); }
@@ -37,19 +46,55 @@ class CPipedCommand {
   CPipedCommand(const CPipedCommand&) = delete;
   CPipedCommand& operator=(const CPipedCommand&) = delete;
 
-  FILE* get() const { return m_file; }
+  bool started() const { return m_output.valid(); }
+
+  // Reads the next piece of output into `block`: its size, 0 at the end
+  // of the output, -1 with errno on a failure. The end comes at end of
+  // file, or kDrainMillis after the command's tree has ended, whoever else
+  // still holds the pipe.
+  ssize_t Read(char* block, size_t size) {
+    for (;;) {
+      pollfd watched[2] = {{m_output.get(), POLLIN, 0}, {m_keeper.get(), POLLIN, 0}};
+      const nfds_t count = m_keeper.valid() && !m_ended ? 2 : 1;
+      int timeout = -1;
+      if (m_ended) {
+        timeout = kDrainMillis - static_cast<int>(getTickMillis() - m_endedAt);
+        if (timeout <= 0)
+          return 0;
+      }
+      const int ready = poll(watched, count, timeout);
+      if (ready < 0 && errno == EINTR)
+        continue;
+      if (ready < 0)
+        return -1;
+      if (ready == 0)
+        return 0;  // drained for long enough
+      if (count == 2 && (watched[1].revents & POLLIN) != 0) {
+        m_ended = true;
+        m_endedAt = getTickMillis();
+      }
+      if (watched[0].revents == 0)
+        continue;
+      ssize_t got;
+      do {
+        got = read(m_output.get(), block, size);
+      } while (got < 0 && errno == EINTR);
+      return got;
+    }
+  }
+
   // Collects the command once; a failure is only logged, it never changes
   // a result.
   void Close() {
-    if (m_file == nullptr)
+    if (!m_output.valid())
       return;
-    fclose(m_file);
-    m_file = nullptr;
+    m_output.reset();
     int status = 0;
     if (CollectChildProcess(m_pid, &status, 0) < 0) {
       LOG_ERRNO_FAILURE("waitpid", errno);
       ReleaseChildProcess(m_pid);
     }
+    m_keeper.reset();
   }
 
  private:
@@ -69,12 +114,8 @@ class CPipedCommand {
       RunShell(command, ends[1]);
     close(ends[1]);
     m_pid = child;
-    m_file = fdopen(ends[0], "r");
-    if (m_file == nullptr) {
-      close(ends[0]);
-      int status = 0;
-      CollectChildProcess(child, &status, 0);
-    }
+    m_keeper.reset(OpenProcessHandle(child));
+    m_output.reset(ends[0]);
   }
 
   // In the child: the pipe becomes standard output, then the shell.
@@ -88,8 +129,11 @@ class CPipedCommand {
     _exit(127);
   }
 
-  FILE* m_file = nullptr;
+  ScopedFd m_output;  // the pipe's reading end
+  ScopedFd m_keeper;  // pidfd of the keeper; readable once the tree has ended
   pid_t m_pid = -1;
+  bool m_ended = false;
+  uint32_t m_endedAt = 0;
 };
 
 }  // namespace
@@ -98,23 +142,22 @@ CCommandShell::CCommandShell(const char* command) : m_command(command != nullptr
 
 ResultCode CCommandShell::runInto(const char* command, std::ostream& output) {
   CPipedCommand pipe(command);
-  if (pipe.get() == nullptr) {
+  if (!pipe.started()) {
     LOG_ERRNO_FAILURE("popen", errno);
     return GLOBAL_ERROR_UNEXPECTED;
   }
   char block[kReadBlock];
-  for (;;) {
-    const size_t count = fread(block, 1, sizeof(block), pipe.get());
-    if (count > 0)
-      output.write(block, static_cast<std::streamsize>(count));
-    // A short block means end of output or an error; either way we are done.
-    if (count < sizeof(block))
-      break;
-  }
   ResultCode result = 0;
-  if (ferror(pipe.get())) {
-    LOG_ERRNO_FAILURE("fread", errno);
-    result = GLOBAL_ERROR_UNEXPECTED;
+  for (;;) {
+    const ssize_t count = pipe.Read(block, sizeof(block));
+    if (count < 0) {
+      LOG_ERRNO_FAILURE("fread", errno);
+      result = GLOBAL_ERROR_UNEXPECTED;
+      break;
+    }
+    if (count == 0)
+      break;
+    output.write(block, static_cast<std::streamsize>(count));
   }
   pipe.Close();
   return result;

@@ -2,9 +2,11 @@
 // standard output: into a stream, a string, or a list of lines.
 //
 // Standard error is not captured, and the command's exit status has no
-// effect on the result: 0 means the output was read to its end. A call
-// blocks until the command has closed its standard output; there is no
-// timeout.
+// effect on the result: 0 means the output was read to its end. The end
+// comes when the command and everything it started have ended (they are
+// ended together: ChildProcess.h) and the pipe is empty, or at most two
+// seconds later if a process outside that tree still holds the pipe open.
+// There is no timeout while the command runs.
 //
 // Threads: an object belongs to one caller; separate objects may run on
 // separate threads at once.
@@ -45,8 +47,9 @@ class CCommandShell {
 
  private:
   // Runs /bin/sh -c `command` (standard input from /dev/null, no inherited
-  // descriptors, its own process group), copies its output in blocks of
-  // 1024 bytes, and collects it. A failure to start is logged as "popen".
+  // descriptors, its own process group, below a keeper), copies its output
+  // in blocks of up to 1024 bytes, and collects it. A failure to start is
+  // logged as "popen", one to read as "fread".
   static ResultCode runInto(const char* command, std::ostream& output);
   static ResultCode runIntoLines(const char* command, std::vector<std::string>& lines);
   static void splitLines(const std::string& text, std::vector<std::string>& lines);

@@ -1,11 +1,18 @@
 #include "Common/Utility/CommandShell.h"
 
 #include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -13,6 +20,7 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/ProcessMarkers.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
@@ -292,7 +300,84 @@ std::string OutputWithOpenInputPipe(const std::string& command, const std::strin
   return answer == 0 ? keeltest::ReadFile(scratch) : "<failed>";
 }
 
+// Runs `body` while a guard waits for it for up to `limitSeconds`; past
+// that the guard calls `unblock` (which ends what holds `body` up) and the
+// answer is false. A hang guard, not a measure of time.
+bool ReturnsWithoutHelp(const std::function<void()>& body, const std::function<void()>& unblock,
+                        int limitSeconds) {
+  std::mutex lock;
+  std::condition_variable changed;
+  bool returned = false;
+  bool helped = false;
+  std::thread guard([&] {
+    std::unique_lock<std::mutex> held(lock);
+    if (!changed.wait_for(held, std::chrono::seconds(limitSeconds), [&] { return returned; })) {
+      helped = true;
+      unblock();
+    }
+  });
+  body();
+  {
+    std::lock_guard<std::mutex> held(lock);
+    returned = true;
+  }
+  changed.notify_all();
+  guard.join();
+  return !helped;
+}
+
 }  // namespace
+
+TEST(CCommandShell, DaemonKeepingTheOutputOpenEndsWithTheCommand) {
+  keeltest::TempDir dir;
+  const std::string marker = dir.Sub("helper.sh");
+  // The helper keeps the command's standard output open in a session of
+  // its own; the command itself ends at once.
+  const std::string command =
+      keeltest::StartSessionLeavingHelper(dir.path(), false) + "echo done";
+  std::string output;
+  ResultCode result = 1;
+  EXPECT_TRUE(ReturnsWithoutHelp([&] { result = CCommandShell(command.c_str()).Execute(output); },
+                                 [&] { keeltest::KillProcessesWithMarker(marker); }, 60));
+  EXPECT_EQ(0u, result);
+  EXPECT_EQ("done\n", output);
+  EXPECT_TRUE(keeltest::ProcessesWithMarker(marker).empty());
+  EXPECT_TRUE(NoChildLeft());
+  keeltest::KillProcessesWithMarker(marker);
+}
+
+TEST(CCommandShell, ProcessOutsideTheCommandHoldingTheOutputDoesNotHoldTheRead) {
+  keeltest::TempDir dir;
+  const std::string pidFile = dir.Sub("shell.pid");
+  const std::string held = dir.Sub("held");
+  // Not started by the command: it opens the command's output pipe anew
+  // through /proc and keeps it open for a minute.
+  const pid_t holder = fork();
+  if (holder == 0) {
+    std::string pid;
+    for (int i = 0; i < 3000 && (pid = keeltest::ReadFile(pidFile)).find('\n') == std::string::npos;
+         ++i)
+      usleep(10000);
+    const int fd = open(("/proc/" + pid.substr(0, pid.find('\n')) + "/fd/1").c_str(), O_WRONLY);
+    keeltest::WriteFile(held, fd >= 0 ? "yes" : "no");
+    sleep(60);
+    _exit(0);
+  }
+  ASSERT_GT(holder, 0);
+  const std::string command = "echo $$ > '" + pidFile + "'; while [ ! -e '" + held +
+                              "' ]; do sleep 0.01; done; echo done";
+  std::string output;
+  ResultCode result = 1;
+  EXPECT_TRUE(ReturnsWithoutHelp([&] { result = CCommandShell(command.c_str()).Execute(output); },
+                                 [&] { kill(holder, SIGKILL); }, 60));
+  EXPECT_EQ(0u, result);
+  EXPECT_EQ("done\n", output);
+  EXPECT_EQ("yes", keeltest::ReadFile(held));
+  int status = 0;
+  EXPECT_EQ(0, waitpid(holder, &status, WNOHANG)) << "the holder is still to run";
+  kill(holder, SIGKILL);
+  waitpid(holder, &status, 0);
+}
 
 TEST(CCommandShell, CommandReadsNothingFromTheToolsInput) {
   // `cat` would wait for ever on the open pipe; it must see /dev/null.

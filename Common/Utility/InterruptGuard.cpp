@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <ftw.h>
 #include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -43,6 +44,10 @@ const int kFaultSignals[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGTRAP, SIGABRT, 
 constexpr int kRemovePasses = 20;
 // Descriptors nftw may hold open while it walks.
 constexpr int kWalkDescriptors = 32;
+// How long the clean-up gives the programs' keepers to end their trees,
+// and how often it looks.
+constexpr int kKeeperGraceMillis = 5000;
+constexpr int kKeeperLookMillis = 10;
 // The byte that tells the watcher to stop without a signal.
 constexpr unsigned char kStopWatching = 0;
 
@@ -170,6 +175,46 @@ void RemoveTree(const std::string& path) {
   KLOG_E("Could not remove \"%s\" after the interruption", path.c_str());
 }
 
+enum class ChildState { kRunning, kEnded, kNotOurs };
+
+// Looks at a child without collecting it. kNotOurs for a pid that is no
+// child (any more): such a pid is never signalled.
+ChildState StateOf(pid_t pid) {
+  siginfo_t info;
+  info.si_pid = 0;
+  if (waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) != 0)
+    return ChildState::kNotOurs;
+  return info.si_pid == 0 ? ChildState::kRunning : ChildState::kEnded;
+}
+
+// Ends the registered programs. Each pid is a program's keeper, which on
+// SIGTERM ends everything the program started and then itself; a while
+// later whatever is left of a group is killed outright. Runs under the
+// guard's lock, and children are collected only under it, so no pid here
+// can have been collected and handed to another process.
+void EndPrograms(const std::set<pid_t>& processes) {
+  for (pid_t pid : processes) {
+    if (pid > 0 && StateOf(pid) == ChildState::kRunning)
+      kill(pid, SIGTERM);
+  }
+  for (int waited = 0; waited < kKeeperGraceMillis; waited += kKeeperLookMillis) {
+    bool running = false;
+    for (pid_t pid : processes)
+      running = running || (pid > 0 && StateOf(pid) == ChildState::kRunning);
+    if (!running)
+      break;
+    usleep(kKeeperLookMillis * 1000);
+  }
+  for (pid_t pid : processes) {
+    // An ended child that is not yet collected still holds its number, and
+    // members of its group may be left.
+    if (pid > 0 && StateOf(pid) != ChildState::kNotOurs) {
+      kill(-pid, SIGKILL);
+      kill(pid, SIGKILL);
+    }
+  }
+}
+
 void Watch() {
   for (;;) {
     unsigned char byte = kStopWatching;
@@ -284,12 +329,7 @@ int CInterruptGuard::CleanUp(int signalNumber) {
   std::lock_guard<std::recursive_mutex> lock(state.lock);
   KLOG_W("Interrupted by signal %d: removing what the run made", signalNumber);
   // Programs first, so that none of them writes into what is removed next.
-  for (pid_t pid : state.processes) {
-    if (pid > 0) {
-      kill(-pid, SIGKILL);
-      kill(pid, SIGKILL);
-    }
-  }
+  EndPrograms(state.processes);
   for (const std::string& folder : state.folders)
     RemoveTree(folder);
   for (const std::string& file : state.files)

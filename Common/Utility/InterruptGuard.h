@@ -51,7 +51,10 @@ class CInterruptGuard {
   static void TrackFile(const std::string& path);
   static void ForgetFile(const std::string& path);
 
-  // A process group (led by `pid`) to kill on a signal.
+  // A child of ours to end on a signal: it is sent SIGTERM (a program's
+  // keeper then ends the program's whole tree), and whatever of its group
+  // is left after a grace of a few seconds is killed. A pid is forgotten as
+  // it is collected; one that is no child of ours is never signalled.
   static void TrackProcess(pid_t pid);
   static void ForgetProcess(pid_t pid);
 

@@ -78,7 +78,9 @@ KEELAction::KEELAction(const ActionSettings& settings, KEELComponent* configNode
       m_pEnv(settings.m_pEnv != nullptr ? settings.m_pEnv : Env::Default()) {}
 
 KEELAction::~KEELAction() {
-  // No program outlives its action.
+  // No program outlives its action. m_pid is cleared as soon as the
+  // program has been collected, so only one still running is stopped: the
+  // number of a collected one may belong to another process by now.
   if (m_pProcessApi != nullptr && m_pid > 0)
     m_pProcessApi->KillProcess(m_pid);
   m_pProcessApi.reset();
@@ -363,11 +365,14 @@ ResultCode KEELAction::launch(const std::string& path, const std::string& comman
 
 ResultCode KEELAction::watch(const std::string& commandLine) {
   // One cycle a second until the program has ended, or until the tool has
-  // spent its processor-time allowance. After the shell form m_pid is 0 and
-  // the first poll normally ends the loop.
+  // spent its processor-time allowance. After the shell form m_pid is 0:
+  // the command has ended and nothing is watched (a poll of 0 would collect
+  // any child of the tool, another job's program among them).
   const std::string first = FirstWord(commandLine);
   std::string text = "Processing " + m_description + "...";
   ResultCode result = 0;
+  if (m_pid <= 0)
+    return result;
   const clock_t start = m_pEnv->processorClock();
   while (m_pProcessApi->PollProcess(m_pid) == 0) {
     // The exit code does not matter: a program that ended has done its part.
@@ -387,12 +392,16 @@ ResultCode KEELAction::watch(const std::string& commandLine) {
     if (spent > kActivityLimit) {
       KLOG_E("Executable %s timed out after %d seconds of activity.", first.c_str(),
              static_cast<int>(spent / kClockPerSecond));
+      // The program's keeper ends it with everything it started.
       m_pProcessApi->KillProcess(m_pid);
+      m_pid = 0;
       result = KEELENGINE_ERROR_EXTERN_ACTION_TIMEOUT;
       break;
     }
     text = "Still running " + first + ", please be patient as this may take a few minutes...";
   }
+  // Ended and collected (or never ours): never to be signalled again.
+  m_pid = 0;
   return result;
 }
 

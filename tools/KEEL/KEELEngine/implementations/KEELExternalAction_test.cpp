@@ -18,6 +18,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/FakeEnv.h"
+#include "tests/support/ProcessMarkers.h"
 #include "tests/support/TestSupport.h"
 #include "tools/KEEL/KEELEngine/implementations/KEELAction.h"
 #include "tools/KEEL/KEELEngine/implementations/KEELAction_testsupport.h"
@@ -630,6 +631,49 @@ TEST_F(ExternalActionTimeLimit, AboveTheLimitTheProgramIsStopped) {
   EXPECT_EQ(2, m_env.ClockCalls());
 }
 
+// A host whose processor clock stands still until `ready` exists and is
+// then past the time limit, so that a program is stopped only once it has
+// done its part, however slowly it gets there.
+class ClockPastTheLimitOnceReady : public keeltest::FakeEnv {
+ public:
+  explicit ClockPastTheLimitOnceReady(std::string ready) : m_ready(std::move(ready)) {}
+  clock_t processorClock() const override {
+    // The first reading is the start of the watch.
+    if (m_readings++ == 0 || !keeltest::PathExists(m_ready))
+      return 1000;
+    return 1000 + 1200000000;
+  }
+
+ private:
+  std::string m_ready;
+  mutable std::atomic<int> m_readings{0};
+};
+
+TEST_F(ExternalActionTimeLimit, AboveTheLimitEverythingTheProgramStartedIsStopped) {
+  // The program leaves a helper in a session of its own (a double fork
+  // and setsid) and waits until the helper runs.
+  const std::string helper = m_bin + "/helper.sh";
+  ASSERT_TRUE(actiontest::WriteScript(
+      m_bin + "/starter.sh", keeltest::StartSessionLeavingHelper(m_bin) + "exec sleep 60\n"));
+  ClockPastTheLimitOnceReady env(m_bin + "/helper.ready");
+  ActionSettings settings = Settings(m_bundle);
+  settings.m_pEnv = &env;
+  ParsedXml parsed("<action>" + PathElement() + "<args>starter.sh</args></action>");
+  ASSERT_TRUE(parsed.ok());
+  XMLObject subtree(parsed.root());
+  TruncAttrsList records;
+  std::list<std::string> deleteList;
+  {
+    KEELCollectLogsAction action(settings, parsed.root(), false);
+    EXPECT_EQ(KEELENGINE_ERROR_EXTERN_ACTION_TIMEOUT,
+              action.performExternalAction(subtree, records, deleteList));
+  }
+  EXPECT_TRUE(m_capture.Contains("\nExecutable starter.sh timed out after 1200 seconds"));
+  EXPECT_TRUE(keeltest::PathExists(m_bin + "/helper.ready"));
+  EXPECT_TRUE(keeltest::ProcessesWithMarker(helper).empty());
+  keeltest::KillProcessesWithMarker(helper);
+}
+
 TEST_F(ExternalActionTimeLimit, AtTheLimitTheProgramRunsOn) {
   ASSERT_TRUE(actiontest::WriteScript(m_bin + "/slow.sh",
                                       "sleep 1.2\necho finished > '" + m_bundle + "/slow.txt'\n"));
@@ -647,7 +691,8 @@ TEST_F(ExternalActionTimeLimit, ShellFormEndsBeforeTheLimitIsAsked) {
   m_env.SetClock({0, 2000000000});
   const TruncAttrsList records = Collect(StdoutAction("hello.sh"));
   ASSERT_EQ(1u, records.size());
-  EXPECT_EQ(1, m_env.ClockCalls());
+  // The command has ended when the shell form returns: nothing is watched.
+  EXPECT_EQ(0, m_env.ClockCalls());
   EXPECT_FALSE(m_capture.Contains("timed out"));
 }
 
@@ -695,8 +740,8 @@ TEST_F(FakeLauncherAction, ProgramEndedBySignalLeavesNoRowAndNoRecord) {
   EXPECT_TRUE(omitted().empty());
   EXPECT_TRUE(m_capture.Contains("Invoked Function: KEELAction::callExtern\n"));
   EXPECT_EQ(2, m_programs->polls);
-  // Only the action's closing check, that no program outlives it.
-  EXPECT_EQ((std::vector<int32_t>{keeltest::FakeProcessApi::kFakePid}), m_programs->killed);
+  // Collected by the watch: its number is never signalled afterwards.
+  EXPECT_TRUE(m_programs->killed.empty());
 }
 
 TEST_F(FakeLauncherAction, ProgramPastTheTimeLimitIsKilledAndLeavesNoRow) {
@@ -707,10 +752,8 @@ TEST_F(FakeLauncherAction, ProgramPastTheTimeLimitIsKilledAndLeavesNoRow) {
   EXPECT_TRUE(records.empty());
   EXPECT_TRUE(omitted().empty());
   EXPECT_TRUE(m_capture.Contains("\nExecutable prog.sh timed out after 1200 seconds of activity."));
-  // Stopped by the watch, then once more by the action's closing check.
-  EXPECT_EQ((std::vector<int32_t>{keeltest::FakeProcessApi::kFakePid,
-                                  keeltest::FakeProcessApi::kFakePid}),
-            m_programs->killed);
+  // Stopped (and collected) by the watch, and never signalled again.
+  EXPECT_EQ((std::vector<int32_t>{keeltest::FakeProcessApi::kFakePid}), m_programs->killed);
   EXPECT_EQ(2, m_env.ClockCalls());
 }
 
@@ -724,4 +767,19 @@ TEST_F(FakeLauncherAction, ProgramThatEndsInTimeIsRecorded) {
   ExpectRecord(records.front(), m_bundle + "/o.txt");
   EXPECT_TRUE(omitted().empty());
   EXPECT_EQ(3, m_programs->polls);
+}
+
+TEST_F(FakeLauncherAction, CollectedProgramIsNeverSignalledAgain) {
+  // The program ends and is collected long before the action goes; by then
+  // its number may be another process's.
+  m_programs->runningPolls = 1;
+  m_programs->waitResult = 0;
+  ASSERT_TRUE(keeltest::WriteFile(m_bundle + "/o.txt", "written\n"));
+  TruncAttrsList records;
+  EXPECT_EQ(0u, RunProgram(records));
+  EXPECT_EQ(1u, records.size());
+  TruncAttrsList again;
+  EXPECT_EQ(0u, RunProgram(again));
+  EXPECT_EQ(2u, m_programs->launched.size());
+  EXPECT_TRUE(m_programs->killed.empty());
 }
