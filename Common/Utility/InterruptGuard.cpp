@@ -2,7 +2,6 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <ftw.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -12,6 +11,7 @@
 #include <thread>
 
 #include "Common/Log/Log.h"
+#include "Common/Utility/TreeRemoval.h"
 
 namespace {
 
@@ -20,8 +20,6 @@ constexpr size_t kSignalCount = sizeof(kSignals) / sizeof(kSignals[0]);
 // Another thread may still be writing into a folder while it is removed; a
 // few passes catch what it added meanwhile.
 constexpr int kRemovePasses = 20;
-// Descriptors nftw may hold open while it walks.
-constexpr int kWalkDescriptors = 32;
 // The byte that tells the watcher to stop without a signal.
 constexpr unsigned char kStopWatching = 0;
 
@@ -56,20 +54,10 @@ void OnSignal(int signalNumber) {
   errno = saved;
 }
 
-int RemoveEntry(const char* path, const struct stat* /*info*/, int type, struct FTW* /*walk*/) {
-  if (type == FTW_DP)
-    rmdir(path);
-  else
-    unlink(path);
-  return 0;  // go on whatever one entry did
-}
-
 // Removes `path` and everything below it, never following a link.
-void RemoveTree(const std::string& path) {
+void RemoveInPasses(const std::string& path) {
   for (int pass = 0; pass < kRemovePasses; ++pass) {
-    nftw(path.c_str(), RemoveEntry, kWalkDescriptors, FTW_DEPTH | FTW_PHYS | FTW_MOUNT);
-    struct stat info;
-    if (lstat(path.c_str(), &info) != 0)
+    if (RemoveTree(path))
       return;
   }
   KLOG_E("Could not remove \"%s\" after the interruption", path.c_str());
@@ -191,7 +179,7 @@ int CInterruptGuard::CleanUp(int signalNumber) {
     }
   }
   for (const std::string& folder : state.folders)
-    RemoveTree(folder);
+    RemoveInPasses(folder);
   for (const std::string& file : state.files)
     unlink(file.c_str());
   return 128 + signalNumber;
