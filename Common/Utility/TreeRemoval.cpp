@@ -32,18 +32,7 @@ struct Level {
 // Unlinks what in the folder at `fd` is no folder, and lists its
 // sub-folders on the file system `device` in `level`.
 void EmptyFiles(int fd, dev_t device, Level& level) {
-  const int listFd = dup(fd);
-  if (listFd < 0)
-    return;
-  DirHandle dir(fdopendir(listFd));
-  if (!dir) {
-    close(listFd);
-    return;
-  }
-  while (struct dirent* entry = readdir(dir.get())) {
-    const std::string name = entry->d_name;
-    if (name == "." || name == "..")
-      continue;
+  for (const std::string& name : NamesInFolder(fd)) {
     struct stat info;
     if (fstatat(fd, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0)
       continue;
@@ -109,6 +98,26 @@ void EmptyTree(ScopedFd top, const FileKey& topKey) {
 }
 
 }  // namespace
+
+std::vector<std::string> NamesInFolder(int folderFd) {
+  std::vector<std::string> names;
+  // The listing reads through a descriptor of its own: the caller's keeps
+  // its position, and closing the listing does not close it.
+  const int listFd = openat(folderFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (listFd < 0)
+    return names;
+  DirHandle dir(fdopendir(listFd));
+  if (!dir) {
+    close(listFd);
+    return names;
+  }
+  while (struct dirent* entry = readdir(dir.get())) {
+    const std::string name = entry->d_name;
+    if (name != "." && name != "..")
+      names.push_back(name);
+  }
+  return names;
+}
 
 bool RemoveTreeAt(int folderFd, const std::string& name) {
   struct stat info;

@@ -15,6 +15,7 @@
 #define COMMON_UTILITY_TREEREMOVAL_H_
 
 #include <string>
+#include <vector>
 
 // Removes the entry `name` of the folder open at `folderFd` and, when it is
 // a folder (not a link to one), everything below it. True when the name is
@@ -24,5 +25,10 @@ bool RemoveTreeAt(int folderFd, const std::string& name);
 // The same for a path; the folder holding its last component is opened by
 // path, so `path` must name something below a folder the caller trusts.
 bool RemoveTree(const std::string& path);
+
+// The names in the folder open at `folderFd`, "." and ".." left out, in the
+// folder's own order; empty when it cannot be listed. The descriptor stays
+// open and its position is not moved.
+std::vector<std::string> NamesInFolder(int folderFd);
 
 #endif  // COMMON_UTILITY_TREEREMOVAL_H_

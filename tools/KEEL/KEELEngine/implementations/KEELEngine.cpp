@@ -15,6 +15,7 @@
 #include "Common/Utility/sysutils.h"
 #include "Common/Zip/CZip.h"
 #include "tools/KEEL/KEELEngine/implementations/Env.h"
+#include "tools/KEEL/KEELEngine/implementations/KEELUnfinishedBundles.h"
 #include "tools/KEEL/KEELEngine/implementations/KEELWorkingFolder.h"
 #include "tools/KEEL/KEELEngine/implementations/collector.h"
 #include "tools/KEEL/KEELEngine/implementations/helperUtil.h"
@@ -37,6 +38,8 @@ int IdTextAddress(const std::string& text) {
 }
 
 const char kSummaryWriteFailedText[] = "Internal Error: failed to write the bundle summary...";
+const std::string kRandomNameText =
+    "Warning: every usual working folder name is taken by someone else; working in \"";
 
 }  // namespace
 
@@ -74,8 +77,8 @@ ResultCode KEELEngine::run() {
 ResultCode KEELEngine::fail(ResultCode code, const std::string& message) {
   helperUtil::reportStatus(0, message, code);
   // Only a folder this run made: the plain name may be another user's.
-  if (workingFolderOwner && !workingFolderOwner->path().empty())
-    helperUtil::fileDeleteDirectory(tempFolder);
+  if (workingFolderOwner)
+    workingFolderOwner->remove();
   return code;
 }
 
@@ -124,6 +127,10 @@ void KEELEngine::loadConfigs() {
 
 ResultCode KEELEngine::prepareWorkingFolder() {
   workingFolderOwner.reset(new KEELWorkingFolder(tempFolder));
+  // What runs of this user that are gone left: their working folders, and,
+  // when no other run is alive to be zipping, their unfinished bundles.
+  if (workingFolderOwner->removeLeftovers() == 0)
+    removeUnfinishedBundles(bundlePath);
   const ResultCode cleared = workingFolderOwner->clearPlainName();
   if (cleared != 0)
     KLOG_RC(LOG_LEVEL_W, "helperUtil::fileDeleteDirectory", cleared);
@@ -137,6 +144,9 @@ ResultCode KEELEngine::prepareWorkingFolder() {
     return fail(made, "Internal Error: failed to create temporary working folder...");
   }
   tempFolder = workingFolderOwner->path();
+  if (workingFolderOwner->tookRandomName())
+    helperUtil::reportStatus(0, kRandomNameText + tempFolder + "\"...",
+                             KEELENGINE_ERROR_ACCESS_DENIED);
   return 0;
 }
 
@@ -192,7 +202,7 @@ ResultCode KEELEngine::runCollectorThreads() {
     KLOG_RC(LOG_LEVEL_E, "CZip::Zip", result);
     return fail(KEELENGINE_ERROR_WRITE_FAILURE, "Internal Error: failed to zip the bundle...");
   }
-  helperUtil::fileDeleteDirectory(tempFolder);
+  workingFolderOwner->remove();
   helperUtil::reportStatus(100, "KEEL has finished... ", KEELOFFLINE_ERROR_PROCESSING);
   helperUtil::reportStatus(0, "", 0);
   return result;
