@@ -304,6 +304,29 @@ TEST_F(CollectorSummary, OmittedFilesAndNotesHaveTheirOwnParts) {
             Written(*job, Parse(Config("", "T"))));
 }
 
+TEST_F(CollectorSummary, ControlCharactersInNamesAreWrittenEscaped) {
+  auto job = Started();
+  AddIncluded(*job, "evil", "a\nb\tc\x1b[2Jd\re", "Evil log", "7");
+  helperUtil::fillSummaryFailedFile(job->summaryDocument(), "gone", "x\ny", "Gone log",
+                                    "Not found: /srv/x\ny");
+  EXPECT_EQ(FixedHead() + kSectionRule + "T:\n\nFiles Included in Bundle:\n" +
+                Row("ID", "Filename", "Description", "File Size") + kIncludedRule +
+                Row("evil", "a\\nb\\tc\\x1b[2Jd\\re", "Evil log", "7") + kIncludedRule +
+                "\n\nFiles Omitted from Bundle:\n" +
+                Row("ID", "Filename", "Description", "Reason Omitted", 50) + kOmittedRule +
+                Row("gone", "x\\ny", "Gone log", "Not found: /srv/x\\ny", 50) + kOmittedRule,
+            Written(*job, Parse(Config("", "T"))));
+}
+
+TEST_F(CollectorSummary, NamesWithoutControlCharactersStayByteForByte) {
+  auto job = Started();
+  AddIncluded(*job, "odd", "back\\slash \xc3\xa9t\xc3\xa9.log", "Odd log", "3");
+  EXPECT_EQ(FixedHead() + kSectionRule + "T:\n\nFiles Included in Bundle:\n" +
+                Row("ID", "Filename", "Description", "File Size") + kIncludedRule +
+                Row("odd", "back\\slash \xc3\xa9t\xc3\xa9.log", "Odd log", "3") + kIncludedRule,
+            Written(*job, Parse(Config("", "T"))));
+}
+
 TEST_F(CollectorSummary, NotesWithoutOmittedFiles) {
   auto job = Started();
   helperUtil::fillSummaryNote(job->summaryDocument(), "Only note");
