@@ -76,6 +76,7 @@ ResultCode KEELEngine::run() {
 
 ResultCode KEELEngine::fail(ResultCode code, const std::string& message) {
   helperUtil::reportStatus(0, message, code);
+  collector::closeSummaryFile();
   // Only a folder this run made: the plain name may be another user's.
   if (workingFolderOwner)
     workingFolderOwner->remove();
@@ -144,6 +145,11 @@ ResultCode KEELEngine::prepareWorkingFolder() {
     return fail(made, "Internal Error: failed to create temporary working folder...");
   }
   tempFolder = workingFolderOwner->path();
+  // The summary is the run's own before anything is collected: nothing
+  // collected can take its name first or write what it says.
+  if (collector::createSummaryFile(helperUtil::translatePath(tempFolder + "/" + "summary.txt")) !=
+      0)
+    return fail(KEELENGINE_ERROR_WRITE_FAILURE, kSummaryWriteFailedText);
   if (workingFolderOwner->tookRandomName())
     helperUtil::reportStatus(0, kRandomNameText + tempFolder + "\"...",
                              KEELENGINE_ERROR_ACCESS_DENIED);
@@ -187,7 +193,12 @@ ResultCode KEELEngine::runCollectorThreads() {
     KLOG_E("all configs failed");
     return fail(KEELENGINE_ERROR_INTERNAL, "Internal Error: all configs failed...");
   }
+  {
+    std::lock_guard<std::mutex> lock(collector::summaryLock());
+    collector::reclaimSummaryName();
+  }
   const ResultCode written = writeFailedFilesToSummary(tempFolder + "/" + "summary.txt");
+  collector::closeSummaryFile();
   if (written != 0)
     KLOG_RC(LOG_LEVEL_W, "KEELEngine::writeFailedFilesToSummary", written);
   if (written == KEELENGINE_ERROR_WRITE_FAILURE)
