@@ -352,6 +352,62 @@ TEST_F(CollectorSummary, CollectedFilesEnterTheManifestThroughTheTruncator) {
             rows[0]);
 }
 
+// ---- The summary's own file ---------------------------------------------------------
+
+TEST_F(CollectorSummary, SummaryFileIsMadeOnlyWhereNothingHasItsName) {
+  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("victim.txt"), "precious"));
+  ASSERT_EQ(0, symlink(dir.Sub("victim.txt").c_str(), "work/summary.txt"));
+  EXPECT_EQ(KEELENGINE_ERROR_FILE_OPEN_FAILURE, collector::createSummaryFile("work/summary.txt"));
+  ASSERT_EQ(0, unlink("work/summary.txt"));
+  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("work/summary.txt"), "there before"));
+  EXPECT_EQ(KEELENGINE_ERROR_FILE_OPEN_FAILURE, collector::createSummaryFile("work/summary.txt"));
+  EXPECT_EQ("precious", keeltest::ReadFile(dir.Sub("victim.txt")));
+  EXPECT_EQ("there before", Summary());
+}
+
+TEST_F(CollectorSummary, SummaryFileIsPrivateToTheRun) {
+  const mode_t oldMask = umask(0);
+  const ResultCode created = collector::createSummaryFile("work/summary.txt");
+  umask(oldMask);
+  ASSERT_EQ(0u, created);
+  struct stat info;
+  ASSERT_EQ(0, lstat("work/summary.txt", &info));
+  EXPECT_TRUE(S_ISREG(info.st_mode));
+  EXPECT_EQ(0600u, info.st_mode & 07777);
+  collector::closeSummaryFile();
+}
+
+TEST_F(CollectorSummary, CollectedFileAtTheSummaryNameIsLeftOutAndCannotWriteIt) {
+  ASSERT_EQ(0u, collector::createSummaryFile("work/summary.txt"));
+  Source("summary.txt", "KEEL BUNDLE SUMMARY\n\nTime:   FORGED\n");
+  Source("b.log", "beta\n");
+  ASSERT_EQ(0u, Collect(Parse(Config(Group(CopyInstruction("fake", "Fake", "src/summary.txt") +
+                                           CopyInstruction("real", "Real", "src/b.log")),
+                                     "T"))));
+  EXPECT_EQ(
+      FixedHead() + kSectionRule + "T:\n\nFiles Included in Bundle:\n" +
+          Row("ID", "Filename", "Description", "File Size") + kIncludedRule +
+          Row("real", "b.log", "Real", "5 bytes") + kIncludedRule +
+          "\n\nFiles Omitted from Bundle:\n" +
+          Row("ID", "Filename", "Description", "Reason Omitted", 50) + kOmittedRule +
+          Row("fake", "summary.txt", "Fake", "The bundle's own summary.txt has this name", 50) +
+          kOmittedRule,
+      Summary());
+  collector::closeSummaryFile();
+}
+
+TEST_F(CollectorSummary, SummaryNameTakenAfterTheLastSectionIsPutBack) {
+  ASSERT_EQ(0u, collector::createSummaryFile("work/summary.txt"));
+  auto job = Started();
+  const std::string written = Written(*job, Parse(Config("", "T")));
+  // A program of the run replaces the name with a folder of its own.
+  ASSERT_EQ(0, unlink("work/summary.txt"));
+  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("work/summary.txt/x.txt"), "forged"));
+  collector::reclaimSummaryName();
+  EXPECT_EQ(written, Summary());
+  collector::closeSummaryFile();
+}
+
 // ---- Failures -----------------------------------------------------------------------
 
 TEST_F(CollectorSummary, UnopenableSummaryKeepsTheRecordsAndTheHeadForLater) {
