@@ -38,7 +38,7 @@ int IdTextAddress(const std::string& text) {
 }
 
 const char kSummaryWriteFailedText[] = "Internal Error: failed to write the bundle summary...";
-const std::string kRandomNameText =
+const char kRandomNameText[] =
     "Warning: every usual working folder name is taken by someone else; working in \"";
 
 }  // namespace
@@ -151,7 +151,7 @@ ResultCode KEELEngine::prepareWorkingFolder() {
       0)
     return fail(KEELENGINE_ERROR_WRITE_FAILURE, kSummaryWriteFailedText);
   if (workingFolderOwner->tookRandomName())
-    helperUtil::reportStatus(0, kRandomNameText + tempFolder + "\"...",
+    helperUtil::reportStatus(0, std::string(kRandomNameText) + tempFolder + "\"...",
                              KEELENGINE_ERROR_ACCESS_DENIED);
   return 0;
 }
