@@ -99,6 +99,13 @@ function(keel_install_checker)
 endfunction()
 cmake_language(DEFER DIRECTORY ${CMAKE_SOURCE_DIR} CALL keel_install_checker)
 
+# The rule that removes at boot the working folders of runs the host's
+# going down ended (systemd-tmpfiles reads /usr/lib/tmpfiles.d).
+install(FILES ${CMAKE_SOURCE_DIR}/packaging/tmpfiles.conf
+  DESTINATION lib/tmpfiles.d
+  RENAME ${KEEL_PACKAGE_NAME}.conf
+  PERMISSIONS ${keel_data_permissions})
+
 # The package's own documents.
 install(FILES ${CMAKE_SOURCE_DIR}/packaging/copyright ${keel_package_staging}/doc/changelog.gz
   DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${KEEL_PACKAGE_NAME}

@@ -2,7 +2,6 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <ftw.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,6 +13,7 @@
 
 #include "Common/Log/Log.h"
 #include "Common/Utility/JoinableThread.h"
+#include "Common/Utility/TreeRemoval.h"
 
 namespace {
 
@@ -42,8 +42,6 @@ const int kFaultSignals[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGTRAP, SIGABRT, 
 // Another thread may still be writing into a folder while it is removed; a
 // few passes catch what it added meanwhile.
 constexpr int kRemovePasses = 20;
-// Descriptors nftw may hold open while it walks.
-constexpr int kWalkDescriptors = 32;
 // How long the clean-up gives the programs' keepers to end their trees,
 // and how often it looks.
 constexpr int kKeeperGraceMillis = 5000;
@@ -156,20 +154,10 @@ void ClosePipe() {
   g_readEnd = -1;
 }
 
-int RemoveEntry(const char* path, const struct stat* /*info*/, int type, struct FTW* /*walk*/) {
-  if (type == FTW_DP)
-    rmdir(path);
-  else
-    unlink(path);
-  return 0;  // go on whatever one entry did
-}
-
 // Removes `path` and everything below it, never following a link.
-void RemoveTree(const std::string& path) {
+void RemoveInPasses(const std::string& path) {
   for (int pass = 0; pass < kRemovePasses; ++pass) {
-    nftw(path.c_str(), RemoveEntry, kWalkDescriptors, FTW_DEPTH | FTW_PHYS | FTW_MOUNT);
-    struct stat info;
-    if (lstat(path.c_str(), &info) != 0)
+    if (RemoveTree(path))
       return;
   }
   KLOG_E("Could not remove \"%s\" after the interruption", path.c_str());
@@ -331,7 +319,7 @@ int CInterruptGuard::CleanUp(int signalNumber) {
   // Programs first, so that none of them writes into what is removed next.
   EndPrograms(state.processes);
   for (const std::string& folder : state.folders)
-    RemoveTree(folder);
+    RemoveInPasses(folder);
   for (const std::string& file : state.files)
     unlink(file.c_str());
   return 128 + signalNumber;

@@ -267,22 +267,26 @@ TEST_F(BundleRun, EmptyConfigFolderEndsWithTheInternalError) {
 }
 
 TEST_F(BundleRun, PlainWorkingFolderWithOnlyFilesIsReused) {
-  // A sub-folder made by the instruction keeps the working folder in place,
-  // so its name shows which one the run used.
-  AddConfig("one.xml",
-            Config("First Config", {"alpha"}, {Src("a.log")}, " directoryName=\"kept\""));
+  // A program run by the instructions tells which folder the run works in;
+  // the run removes it at its end.
+  Script("where.sh", "ls -d /tmp/KEEL_Temp_Bundle* > /opt/where.txt\n");
+  std::string config = Config("First Config", {"alpha"}, {Src("a.log")});
+  config.insert(config.find("</fileGroup>"),
+                "<file id=\"where\"><description>where</description><default>true</default>"
+                "<keel><os opsys=\"linux\"><use_extern_action><action><path>" +
+                    m_tree->Sub("bin") +
+                    "</path><args>where.sh</args></action></use_extern_action></os></keel>"
+                    "</file>\n");
+  AddConfig("one.xml", config);
   const std::string bundle = m_tree->Sub("out/reuse.zip");
   const IsolatedResult run = Keel(
       {"-dst", bundle}, "mkdir /tmp/KEEL_Temp_Bundle && echo old > /tmp/KEEL_Temp_Bundle/old.txt",
-      "find /tmp/KEEL_Temp_Bundle* | sort");
+      "cat /opt/where.txt");
   ASSERT_EQ(run.status, 0) << run.err;
-  EXPECT_EQ(run.tmpListing, "KEEL_Temp_Bundle\n");
-  EXPECT_EQ(Inspect(),
-            "/tmp/KEEL_Temp_Bundle\n/tmp/KEEL_Temp_Bundle/kept\n"
-            "/tmp/KEEL_Temp_Bundle/kept/a.log\n");
-  EXPECT_EQ(SortedZipEntryNames(bundle), (std::vector<std::string>{"kept/a.log", "summary.txt"}));
-  EXPECT_EQ(ZipEntry(bundle, "kept/a.log"), "alpha log\n");
-  EXPECT_EQ(MaskTime(ZipEntry(bundle, "summary.txt")), AlphaSummary(bundle));
+  EXPECT_EQ(Inspect(), "/tmp/KEEL_Temp_Bundle\n");
+  EXPECT_EQ(run.tmpListing, "");
+  EXPECT_EQ(SortedZipEntryNames(bundle), (std::vector<std::string>{"a.log", "summary.txt"}));
+  EXPECT_EQ(ZipEntry(bundle, "a.log"), "alpha log\n");
 }
 
 TEST_F(BundleRun, PlainWorkingFolderWithASubFolderMakesAFreshOne) {

@@ -207,12 +207,13 @@ TEST_F(SharedHostRun, CopiesAndBundleStayUnreadableToOtherUsersDuringAndAfterThe
           "mkdir -m 0755 /tmp/out\n",
           "cat /opt/probe.txt; stat -c %a /tmp/out/b.zip; " + std::string(kNobody) +
               "cat /tmp/out/b.zip > /dev/null 2>&1 && echo READ BUNDLE; "
-              "for f in $(find /tmp/KEEL_Temp_Bundle* -type f); do " +
+              "for f in $(find /tmp/KEEL_Temp_Bundle* -type f 2>/dev/null); do " +
               kNobody + "cat \"$f\" > /dev/null 2>&1 && echo \"READ LEFT $f\"; done; true");
   ASSERT_EQ(0, run.status) << run.err;
   EXPECT_NE(std::string::npos, run.out.find(kFinished)) << run.out;
-  // The probe saw the copies (so it ran during the run) and read none.
-  EXPECT_EQ("seen secret.log\nseen deep.log\n600\n", Inspect());
+  // The probe saw the copies and the summary (so it ran during the run)
+  // and read none of them.
+  EXPECT_EQ("seen secret.log\nseen summary.txt\nseen deep.log\n600\n", Inspect());
 }
 
 TEST_F(SharedHostRun, CopyThatFillsTmpIsOmittedWithTheSystemsWords) {

@@ -134,6 +134,7 @@ def expected_entries(ctx):
     add("usr/share/doc/%s/copyright" % PACKAGE, "file", 0o644)
     add("usr/share/doc/%s/changelog.gz" % PACKAGE, "file", 0o644)
     add("usr/share/lintian/overrides/" + PACKAGE, "file", 0o644)
+    add("usr/lib/tmpfiles.d/%s.conf" % PACKAGE, "file", 0o644)
     return entries
 
 
@@ -762,6 +763,33 @@ def check_completion(ctx):
     print("offered: %s" % " ".join(sorted(options)))
 
 
+def check_tmpfiles(ctx):
+    """The packaged tmpfiles.d rule, applied at boot by systemd-tmpfiles to a
+    tree of its own, removes every working folder a run left in /tmp (links
+    as links) and nothing else."""
+    if shutil.which("systemd-tmpfiles") is None:
+        raise Skipped("systemd-tmpfiles is not installed")
+    root = ctx.unpack()
+    rule = os.path.join(root, "usr", "lib", "tmpfiles.d", PACKAGE + ".conf")
+    expect(os.path.isfile(rule), "no tmpfiles.d rule in the package")
+    host = os.path.join(ctx.scratch, "host")
+    tmp = os.path.join(host, "tmp")
+    kept = os.path.join(host, "kept")
+    os.makedirs(os.path.join(tmp, "KEEL_Temp_Bundle", "sub"))
+    os.makedirs(os.path.join(tmp, "KEEL_Temp_Bundle__0101_0000_7", "logs"))
+    os.makedirs(os.path.join(tmp, "KEEL_Temp_Bundle_0123456789abcdef"))
+    os.makedirs(os.path.join(tmp, "KEEL_Temp_Bundles"))
+    os.makedirs(kept)
+    with open(os.path.join(kept, "keep.txt"), "w") as f:
+        f.write("precious\n")
+    os.symlink(kept, os.path.join(tmp, "KEEL_Temp_Bundle__0101_0000_8"))
+    result = run(["systemd-tmpfiles", "--root=" + host, "--remove", "--boot", rule])
+    expect(result.returncode == 0, "systemd-tmpfiles failed: " + result.stderr)
+    left = sorted(os.listdir(tmp))
+    expect(left == ["KEEL_Temp_Bundles"], "left in /tmp: %s" % left)
+    expect(os.path.isfile(os.path.join(kept, "keep.txt")), "the link was followed")
+
+
 CHECKS = {
     "build": check_build,
     "files": check_files,
@@ -772,6 +800,7 @@ CHECKS = {
     "manpages": check_manpages,
     "example": check_example,
     "completion": check_completion,
+    "tmpfiles": check_tmpfiles,
 }
 
 

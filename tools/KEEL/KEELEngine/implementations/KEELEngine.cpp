@@ -17,6 +17,7 @@
 #include "Common/Utility/sysutils.h"
 #include "Common/Zip/CZip.h"
 #include "tools/KEEL/KEELEngine/implementations/Env.h"
+#include "tools/KEEL/KEELEngine/implementations/KEELUnfinishedBundles.h"
 #include "tools/KEEL/KEELEngine/implementations/KEELWorkingFolder.h"
 #include "tools/KEEL/KEELEngine/implementations/collector.h"
 #include "tools/KEEL/KEELEngine/implementations/helperUtil.h"
@@ -40,6 +41,8 @@ int IdTextAddress(const std::string& text) {
 
 const char kSummaryWriteFailedText[] = "Internal Error: failed to write the bundle summary...";
 const char kThreadRefusedText[] = "Internal Error: failed to start a thread...";
+const char kRandomNameText[] =
+    "Warning: every usual working folder name is taken by someone else; working in \"";
 
 }  // namespace
 
@@ -84,9 +87,10 @@ ResultCode KEELEngine::run() {
 
 ResultCode KEELEngine::fail(ResultCode code, const std::string& message) {
   helperUtil::reportStatus(0, message, code);
+  collector::closeSummaryFile();
   // Only a folder this run made: the plain name may be another user's.
-  if (workingFolderOwner && !workingFolderOwner->path().empty())
-    helperUtil::fileDeleteDirectory(tempFolder);
+  if (workingFolderOwner)
+    workingFolderOwner->remove();
   return code;
 }
 
@@ -135,6 +139,10 @@ void KEELEngine::loadConfigs() {
 
 ResultCode KEELEngine::prepareWorkingFolder() {
   workingFolderOwner.reset(new KEELWorkingFolder(tempFolder));
+  // What runs of this user that are gone left: their working folders, and,
+  // when no other run is alive to be zipping, their unfinished bundles.
+  if (workingFolderOwner->removeLeftovers() == 0)
+    removeUnfinishedBundles(bundlePath);
   const ResultCode cleared = workingFolderOwner->clearPlainName();
   if (cleared != 0)
     KLOG_RC(LOG_LEVEL_W, "helperUtil::fileDeleteDirectory", cleared);
@@ -148,6 +156,14 @@ ResultCode KEELEngine::prepareWorkingFolder() {
     return fail(made, "Internal Error: failed to create temporary working folder...");
   }
   tempFolder = workingFolderOwner->path();
+  // The summary is the run's own before anything is collected: nothing
+  // collected can take its name first or write what it says.
+  if (collector::createSummaryFile(helperUtil::translatePath(tempFolder + "/" + "summary.txt")) !=
+      0)
+    return fail(KEELENGINE_ERROR_WRITE_FAILURE, kSummaryWriteFailedText);
+  if (workingFolderOwner->tookRandomName())
+    helperUtil::reportStatus(0, std::string(kRandomNameText) + tempFolder + "\"...",
+                             KEELENGINE_ERROR_ACCESS_DENIED);
   return 0;
 }
 
@@ -192,7 +208,12 @@ ResultCode KEELEngine::runCollectorThreads() {
     KLOG_E("all configs failed");
     return fail(KEELENGINE_ERROR_INTERNAL, "Internal Error: all configs failed...");
   }
+  {
+    std::lock_guard<std::mutex> lock(collector::summaryLock());
+    collector::reclaimSummaryName();
+  }
   const ResultCode written = writeFailedFilesToSummary(tempFolder + "/" + "summary.txt");
+  collector::closeSummaryFile();
   if (written != 0)
     KLOG_RC(LOG_LEVEL_W, "KEELEngine::writeFailedFilesToSummary", written);
   if (written == KEELENGINE_ERROR_WRITE_FAILURE)
@@ -207,7 +228,7 @@ ResultCode KEELEngine::runCollectorThreads() {
     KLOG_RC(LOG_LEVEL_E, "CZip::Zip", result);
     return fail(KEELENGINE_ERROR_WRITE_FAILURE, "Internal Error: failed to zip the bundle...");
   }
-  helperUtil::fileDeleteDirectory(tempFolder);
+  workingFolderOwner->remove();
   helperUtil::reportStatus(100, "KEEL has finished... ", KEELOFFLINE_ERROR_PROCESSING);
   helperUtil::reportStatus(0, "", 0);
   return result;

@@ -79,8 +79,8 @@ class KEELEngine : public std::enable_shared_from_this<KEELEngine> {
   const std::string& bundleLocation() const { return bundlePath; }
 
  private:
-  // Reports `message`, deletes the working folder if this run made one, and
-  // returns `code`.
+  // Reports `message`, removes the working folder this run made (with
+  // everything below it), and returns `code`.
   ResultCode fail(ResultCode code, const std::string& message);
   ResultCode loadRequest();
   void loadConfigs();

@@ -2,6 +2,10 @@
 
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <ctime>
 
 #include <memory>
 #include <regex>
@@ -222,14 +226,58 @@ TEST_F(EngineTest, PlainFolderWithASubFolderMakesTheRunTakeAFreshName) {
   EXPECT_TRUE(PathExists(dir.Sub("work/KEEL_Temp_Bundle/sub/x.txt")));
 }
 
-TEST_F(EngineTest, SubFoldersOfInstructionsOutliveTheRun) {
+TEST_F(EngineTest, SubFoldersOfInstructionsGoWithTheRun) {
   AddOneCopy("logs");
   auto engine = Engine(dir.Sub("bundle.zip"));
   EXPECT_EQ(RunQuietly(engine), 0u);
   EXPECT_EQ(BundleEntries(), (std::vector<std::string>{"logs/a.log", "summary.txt"}));
-  // The files directly in the folder are gone; the sub-folder stays.
-  EXPECT_EQ(ListDir(engine->workingFolder()), (std::vector<std::string>{"logs"}));
-  EXPECT_EQ(ListDir(engine->workingFolder() + "/logs"), (std::vector<std::string>{"a.log"}));
+  EXPECT_FALSE(PathExists(engine->workingFolder()));
+  EXPECT_EQ(ListDir(dir.Sub("work")), std::vector<std::string>{});
+}
+
+TEST_F(EngineTest, EveryFreshNameTakenGivesARandomFolderAndSaysWhy) {
+  AddOneCopy();
+  const int status = keeltest::RunWithTmpfsAt(dir.Sub("work"), [&] {
+    if (!keeltest::MountTmpfs(dir.Sub("work"), "512m"))
+      return 10;
+    const time_t now = time(nullptr);
+    for (time_t minute : {now, now + 60}) {
+      struct tm local {};
+      localtime_r(&minute, &local);
+      char stamp[64];
+      snprintf(stamp, sizeof(stamp), "__%02d%02d_%02d%02d_", local.tm_mon + 1, local.tm_mday,
+               local.tm_hour, local.tm_min);
+      for (int number = 0; number < 100000; ++number) {
+        const std::string name = dir.Sub("work/KEEL_Temp_Bundle") + stamp + std::to_string(number);
+        if (mkdir(name.c_str(), 0777) != 0 || chown(name.c_str(), 65534, 65534) != 0)
+          return 11;
+      }
+    }
+    auto engine = Engine(dir.Sub("bundle.zip"));
+    ResultCode result = 1;
+    const std::string out = RunEngine(engine, &result);
+    if (result != 0 || BundleEntries() != kOneCopyBundle)
+      return 1;
+    const std::string folder = engine->workingFolder();
+    if (!std::regex_match(folder, std::regex(dir.Sub("work/KEEL_Temp_Bundle_[0-9a-f]{16}"))))
+      return 2;
+    const std::string line =
+        "\r\nWarning: every usual working folder name is taken by someone else; working in \"" +
+        folder + "\"...\r\n";
+    if (out.find(line) == std::string::npos)
+      return 3;
+    return PathExists(folder) ? 4 : 0;
+  });
+  KEEL_EXPECT_ISOLATED_CHILD_PASSED(status);
+}
+
+TEST_F(EngineTest, UsualRunSaysNothingAboutItsWorkingFolder) {
+  AddOneCopy();
+  auto engine = Engine(dir.Sub("bundle.zip"));
+  ResultCode result = 1;
+  const std::string out = RunEngine(engine, &result);
+  EXPECT_EQ(result, 0u);
+  EXPECT_EQ(out.find("Warning:"), std::string::npos) << out;
 }
 
 TEST_F(EngineTest, BundlePathGetsZipUnlessItEndsInZip) {

@@ -1,5 +1,10 @@
 #include "tools/KEEL/KEELEngine/implementations/collector.h"
 
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cctype>
 #include <chrono>
@@ -10,6 +15,7 @@
 #include "Common/Utility/HostOSInfo.h"
 #include "Common/Utility/ScopedHandles.h"
 #include "Common/Utility/Thread.h"
+#include "Common/Utility/TreeRemoval.h"
 #include "Common/Utility/sysutils.h"
 #include "tools/KEEL/KEELEngine/implementations/Env.h"
 #include "tools/KEEL/KEELEngine/implementations/KEELAction.h"
@@ -65,6 +71,105 @@ std::vector<KEELComponent*> DirectChildrenNamed(KEELComponent* parent, const cha
       found.push_back(child.get());
   }
   return found;
+}
+
+// The run's summary.txt: its path and the descriptor it was created with.
+// Guarded by collector::summaryLock().
+struct OwnSummary {
+  std::string path;
+  ScopedFd fd;
+};
+
+OwnSummary& RunSummary() {
+  static OwnSummary* summary = new OwnSummary();  // lives to the process's end
+  return *summary;
+}
+
+const char kSummaryNameTakenReason[] = "The bundle's own summary.txt has this name";
+
+bool SameFile(const struct stat& a, const struct stat& b) {
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+// Whether the summary's name still names the file it was created as.
+bool SummaryNameIsItsOwn(const OwnSummary& own) {
+  struct stat opened;
+  struct stat named;
+  return fstat(own.fd.get(), &opened) == 0 && lstat(own.path.c_str(), &named) == 0 &&
+         SameFile(opened, named);
+}
+
+int CreateSummary(const std::string& path) {
+  return open(path.c_str(), O_RDWR | O_APPEND | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+}
+
+// Copies all of `from` to the end of `to`; false when some could not be.
+bool CopyContent(int from, int to) {
+  char buffer[65536];
+  off_t offset = 0;
+  for (;;) {
+    const ssize_t count = pread(from, buffer, sizeof(buffer), offset);
+    if (count < 0 && errno == EINTR)
+      continue;
+    if (count < 0)
+      return false;
+    if (count == 0)
+      return true;
+    for (ssize_t done = 0; done < count;) {
+      const ssize_t written = write(to, buffer + done, static_cast<size_t>(count - done));
+      if (written < 0 && errno == EINTR)
+        continue;
+      if (written <= 0)
+        return false;
+      done += written;
+    }
+    offset += count;
+  }
+}
+
+// A file name as a line of summary.txt may hold it: each control character
+// (a line feed, a tab, ESC...) written as C source would show it, so that
+// no name can end its row and start a forged one. Every other byte stays.
+std::string EscapeControls(const std::string& name) {
+  static const char kHex[] = "0123456789abcdef";
+  std::string escaped;
+  escaped.reserve(name.size());
+  for (char c : name) {
+    const unsigned char byte = static_cast<unsigned char>(c);
+    switch (c) {
+      case '\a':
+        escaped += "\\a";
+        continue;
+      case '\b':
+        escaped += "\\b";
+        continue;
+      case '\t':
+        escaped += "\\t";
+        continue;
+      case '\n':
+        escaped += "\\n";
+        continue;
+      case '\v':
+        escaped += "\\v";
+        continue;
+      case '\f':
+        escaped += "\\f";
+        continue;
+      case '\r':
+        escaped += "\\r";
+        continue;
+      default:
+        break;
+    }
+    if (byte < 0x20 || byte == 0x7f) {
+      escaped += "\\x";
+      escaped += kHex[byte >> 4];
+      escaped += kHex[byte & 0x0f];
+    } else {
+      escaped += c;
+    }
+  }
+  return escaped;
 }
 
 bool IsSystemLogId(const std::string& id) {
@@ -412,6 +517,82 @@ ResultCode collector::writeComments(KEELComponent* commentsComponent,
 
 // ---- Summary --------------------------------------------------------------
 
+ResultCode collector::createSummaryFile(const std::string& path) {
+  std::lock_guard<std::mutex> lock(summaryLock());
+  OwnSummary& own = RunSummary();
+  own.fd.reset(CreateSummary(path));
+  if (!own.fd.valid()) {
+    KLOG_RC(LOG_LEVEL_E, "open", static_cast<ResultCode>(errno));
+    KLOG_E("Could not create \"%s\"", path.c_str());
+    own.path.clear();
+    return KEELENGINE_ERROR_FILE_OPEN_FAILURE;
+  }
+  own.path = path;
+  return 0;
+}
+
+void collector::closeSummaryFile() {
+  std::lock_guard<std::mutex> lock(summaryLock());
+  RunSummary().fd.reset();
+  RunSummary().path.clear();
+}
+
+void collector::reclaimSummaryName() {
+  OwnSummary& own = RunSummary();
+  if (!own.fd.valid() || SummaryNameIsItsOwn(own))
+    return;
+  KLOG_W("Something collected took the name \"%s\"; it is left out of the bundle",
+         own.path.c_str());
+  RemoveTree(own.path);
+  ScopedFd renewed(CreateSummary(own.path));
+  if (!renewed.valid() || !CopyContent(own.fd.get(), renewed.get())) {
+    KLOG_E("Could not write \"%s\" again", own.path.c_str());
+    return;
+  }
+  own.fd = std::move(renewed);
+}
+
+void collector::omitWhatTookTheSummaryName() {
+  // A collected file recorded at the summary's name is what took it, or,
+  // if the name was put back meanwhile, names the summary itself: either
+  // way it is not in the bundle as collected.
+  struct stat summary;
+  if (lstat(RunSummary().path.c_str(), &summary) != 0)
+    return;
+  for (auto record = m_collectedFiles.begin(); record != m_collectedFiles.end();) {
+    struct stat named;
+    if (lstat(record->path.c_str(), &named) == 0 && SameFile(named, summary)) {
+      const size_t slash = record->path.rfind('/');
+      helperUtil::fillSummaryFailedFile(m_pXMLSummary.get(), record->id,
+                                        record->path.substr(slash + 1), record->description,
+                                        kSummaryNameTakenReason);
+      record = m_collectedFiles.erase(record);
+    } else {
+      ++record;
+    }
+  }
+}
+
+FILE* collector::openSummary() {
+  OwnSummary& own = RunSummary();
+  int fd = -1;
+  if (own.fd.valid() && own.path == m_summaryPath) {
+    omitWhatTookTheSummaryName();
+    reclaimSummaryName();
+    fd = dup(own.fd.get());
+  } else {
+    // A summary the run did not create (a request may name another): still
+    // never written through a link.
+    fd = open(m_summaryPath.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+  }
+  if (fd < 0)
+    return nullptr;
+  FILE* file = fdopen(fd, "a");
+  if (file == nullptr)
+    close(fd);
+  return file;
+}
+
 ResultCode collector::initializeSummary() {
   m_pXMLSummary.reset(new XMLObject("summary", "KEEL BUNDLE SUMMARY\n"));
   KEELComponent* root = m_pXMLSummary->GetRoot();
@@ -468,7 +649,7 @@ ResultCode collector::printSummary(XMLObject* config) {
     KLOG_E("pXMLObjectConfig is NULL");
     return KEELENGINE_ERROR_BAD_PARAMETER;
   }
-  FileHandle file(fopen(m_summaryPath.c_str(), "ae"));
+  FileHandle file(openSummary());
   if (!file) {
     KLOG_E("fopen failed to open file \"%s\"", m_summaryPath.c_str());
     return KEELENGINE_ERROR_FILE_OPEN_FAILURE;
@@ -544,9 +725,10 @@ void collector::writeComponentRows(FILE* file, KEELComponent* parent, const char
     return;
   for (const auto& child : parent->GetChildren()) {
     ColumnText id{child->GetName()};
-    ColumnText name{child->GetValue()};
+    ColumnText name{EscapeControls(child->GetValue())};
     ColumnText description{AttributeValue(child.get(), "description")};
-    ColumnText last{AttributeValue(child.get(), lastAttribute)};
+    // A reason may quote a path, and so a name, too.
+    ColumnText last{EscapeControls(AttributeValue(child.get(), lastAttribute))};
     // At least one row, also for four empty texts; more while any is left.
     do {
       const std::string lastPiece = nextPiece(last, lastWidth);

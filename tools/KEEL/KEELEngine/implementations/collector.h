@@ -86,6 +86,20 @@ class collector {
   // The process-wide lock held for the whole of printSummary.
   static std::mutex& summaryLock();
 
+  // summary.txt belongs to the run, not to what it collects. The engine
+  // creates it at `path` (exclusively, never through a link, 0600) before
+  // anything is collected, and every section is then written through that
+  // file's descriptor, whatever a copy or a program does to the name. 0, or
+  // KEELENGINE_ERROR_FILE_OPEN_FAILURE. Main thread, before the pool starts.
+  static ResultCode createSummaryFile(const std::string& path);
+  // Puts the run's summary back under its name if a collected file or
+  // folder took it: what took the name is removed (it was left out of the
+  // bundle, see printSummary) and the summary's text is written to the name
+  // afresh. Main thread, after the pool ended; also called by printSummary.
+  static void reclaimSummaryName();
+  // Forgets the run's summary file (closed; the file stays).
+  static void closeSummaryFile();
+
   XMLObject* summaryDocument() const { return m_pXMLSummary.get(); }
   const TruncAttrsList& collectedFiles() const { return m_collectedFiles; }
   const std::string& summaryPath() const { return m_summaryPath; }
@@ -95,6 +109,8 @@ class collector {
   void selectByDefault(std::string& tempFolder, XMLObject& config, ActionSettings& settings);
   void selectByRequest(std::string& tempFolder, XMLObject& config, ActionSettings& settings);
   void runCollection(const ActionSettings& settings);
+  FILE* openSummary();
+  void omitWhatTookTheSummaryName();
   void writeHead(FILE* file);
   void writeSection(FILE* file, XMLObject& config);
   void writeComponentRows(FILE* file, KEELComponent* parent, const char* lastAttribute,

@@ -304,6 +304,29 @@ TEST_F(CollectorSummary, OmittedFilesAndNotesHaveTheirOwnParts) {
             Written(*job, Parse(Config("", "T"))));
 }
 
+TEST_F(CollectorSummary, ControlCharactersInNamesAreWrittenEscaped) {
+  auto job = Started();
+  AddIncluded(*job, "evil", "a\nb\tc\x1b[2Jd\re", "Evil log", "7");
+  helperUtil::fillSummaryFailedFile(job->summaryDocument(), "gone", "x\ny", "Gone log",
+                                    "Not found: /srv/x\ny");
+  EXPECT_EQ(FixedHead() + kSectionRule + "T:\n\nFiles Included in Bundle:\n" +
+                Row("ID", "Filename", "Description", "File Size") + kIncludedRule +
+                Row("evil", "a\\nb\\tc\\x1b[2Jd\\re", "Evil log", "7") + kIncludedRule +
+                "\n\nFiles Omitted from Bundle:\n" +
+                Row("ID", "Filename", "Description", "Reason Omitted", 50) + kOmittedRule +
+                Row("gone", "x\\ny", "Gone log", "Not found: /srv/x\\ny", 50) + kOmittedRule,
+            Written(*job, Parse(Config("", "T"))));
+}
+
+TEST_F(CollectorSummary, NamesWithoutControlCharactersStayByteForByte) {
+  auto job = Started();
+  AddIncluded(*job, "odd", "back\\slash \xc3\xa9t\xc3\xa9.log", "Odd log", "3");
+  EXPECT_EQ(FixedHead() + kSectionRule + "T:\n\nFiles Included in Bundle:\n" +
+                Row("ID", "Filename", "Description", "File Size") + kIncludedRule +
+                Row("odd", "back\\slash \xc3\xa9t\xc3\xa9.log", "Odd log", "3") + kIncludedRule,
+            Written(*job, Parse(Config("", "T"))));
+}
+
 TEST_F(CollectorSummary, NotesWithoutOmittedFiles) {
   auto job = Started();
   helperUtil::fillSummaryNote(job->summaryDocument(), "Only note");
@@ -327,6 +350,62 @@ TEST_F(CollectorSummary, CollectedFilesEnterTheManifestThroughTheTruncator) {
   EXPECT_EQ((std::vector<std::string>{"comments", "comments.txt",
                                       "Velon Tessel Client user comments", "45 bytes"}),
             rows[0]);
+}
+
+// ---- The summary's own file ---------------------------------------------------------
+
+TEST_F(CollectorSummary, SummaryFileIsMadeOnlyWhereNothingHasItsName) {
+  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("victim.txt"), "precious"));
+  ASSERT_EQ(0, symlink(dir.Sub("victim.txt").c_str(), "work/summary.txt"));
+  EXPECT_EQ(KEELENGINE_ERROR_FILE_OPEN_FAILURE, collector::createSummaryFile("work/summary.txt"));
+  ASSERT_EQ(0, unlink("work/summary.txt"));
+  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("work/summary.txt"), "there before"));
+  EXPECT_EQ(KEELENGINE_ERROR_FILE_OPEN_FAILURE, collector::createSummaryFile("work/summary.txt"));
+  EXPECT_EQ("precious", keeltest::ReadFile(dir.Sub("victim.txt")));
+  EXPECT_EQ("there before", Summary());
+}
+
+TEST_F(CollectorSummary, SummaryFileIsPrivateToTheRun) {
+  const mode_t oldMask = umask(0);
+  const ResultCode created = collector::createSummaryFile("work/summary.txt");
+  umask(oldMask);
+  ASSERT_EQ(0u, created);
+  struct stat info;
+  ASSERT_EQ(0, lstat("work/summary.txt", &info));
+  EXPECT_TRUE(S_ISREG(info.st_mode));
+  EXPECT_EQ(0600u, info.st_mode & 07777);
+  collector::closeSummaryFile();
+}
+
+TEST_F(CollectorSummary, CollectedFileAtTheSummaryNameIsLeftOutAndCannotWriteIt) {
+  ASSERT_EQ(0u, collector::createSummaryFile("work/summary.txt"));
+  Source("summary.txt", "KEEL BUNDLE SUMMARY\n\nTime:   FORGED\n");
+  Source("b.log", "beta\n");
+  ASSERT_EQ(0u, Collect(Parse(Config(Group(CopyInstruction("fake", "Fake", "src/summary.txt") +
+                                           CopyInstruction("real", "Real", "src/b.log")),
+                                     "T"))));
+  EXPECT_EQ(
+      FixedHead() + kSectionRule + "T:\n\nFiles Included in Bundle:\n" +
+          Row("ID", "Filename", "Description", "File Size") + kIncludedRule +
+          Row("real", "b.log", "Real", "5 bytes") + kIncludedRule +
+          "\n\nFiles Omitted from Bundle:\n" +
+          Row("ID", "Filename", "Description", "Reason Omitted", 50) + kOmittedRule +
+          Row("fake", "summary.txt", "Fake", "The bundle's own summary.txt has this name", 50) +
+          kOmittedRule,
+      Summary());
+  collector::closeSummaryFile();
+}
+
+TEST_F(CollectorSummary, SummaryNameTakenAfterTheLastSectionIsPutBack) {
+  ASSERT_EQ(0u, collector::createSummaryFile("work/summary.txt"));
+  auto job = Started();
+  const std::string written = Written(*job, Parse(Config("", "T")));
+  // A program of the run replaces the name with a folder of its own.
+  ASSERT_EQ(0, unlink("work/summary.txt"));
+  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("work/summary.txt/x.txt"), "forged"));
+  collector::reclaimSummaryName();
+  EXPECT_EQ(written, Summary());
+  collector::closeSummaryFile();
 }
 
 // ---- Failures -----------------------------------------------------------------------
