@@ -456,6 +456,7 @@ ResultCode CZip::writeEntries(zipFile zip, CArchiveFile* archive,
       return GLOBAL_ERROR_UNEXPECTED;
     }
     int closed;
+    uint64_t uncompressed = source.size();  // every byte, or a failure
     if (entryPassword == nullptr) {
       if (!CopyIntoEntry(zip, &source, file, in.get()))
         return GLOBAL_ERROR_UNEXPECTED;
@@ -466,13 +467,14 @@ ResultCode CZip::writeEntries(zipFile zip, CArchiveFile* archive,
       if (totals.failed)
         return GLOBAL_ERROR_UNEXPECTED;
       closed = zipCloseFileInZipRaw64(zip, totals.size, totals.crc);
+      uncompressed = totals.size;
     }
     if (closed < 0) {
       KLOG_LIBRARY(entryPassword == nullptr ? "zipCloseFileInZip" : "zipCloseFileInZipRaw64",
                    closed, nullptr);
       return GLOBAL_ERROR_UNEXPECTED;
     }
-    if (zip64 != 0 && CompleteZip64LocalHeader(archive, headerOffset) != 0)
+    if (zip64 != 0 && CompleteZip64LocalHeader(archive, headerOffset, uncompressed) != 0)
       return GLOBAL_ERROR_UNEXPECTED;
     ++*written;
   }

@@ -2010,7 +2010,7 @@ ResultCode WriteSmallZip64Entry(const std::string& archive, bool complete) {
   if (code == ZIP_OK)
     code = zipCloseFileInZip(zip);
   if (code == ZIP_OK && complete)
-    result = CompleteZip64LocalHeader(&file, header);
+    result = CompleteZip64LocalHeader(&file, header, data.size());
   if (zipClose(zip, nullptr) != ZIP_OK || code != ZIP_OK)
     return GLOBAL_ERROR_UNEXPECTED;
   return result != 0 ? result : file.commit();

@@ -11,7 +11,7 @@ constexpr uint32_t kLocalSignature = 0x04034b50;
 constexpr size_t kFixedSize = 30;
 // Offsets in the fixed part of a local header.
 constexpr size_t kCompressedSizeField = 18;
-constexpr size_t kUncompressedSizeField = 22;
+constexpr size_t kUncompressedSizeField = 22;  // follows the compressed size
 constexpr size_t kNameLengthField = 26;
 constexpr size_t kExtraLengthField = 28;
 // The zip64 extra field minizip writes first in the local extra data: its
@@ -35,13 +35,15 @@ void Put(unsigned char* out, uint64_t value, int bytes) {
 
 }  // namespace
 
-ResultCode CompleteZip64LocalHeader(CArchiveFile* file, uint64_t headerOffset) {
+ResultCode CompleteZip64LocalHeader(CArchiveFile* file, uint64_t headerOffset,
+                                    uint64_t uncompressed) {
   unsigned char header[kFixedSize];
   unsigned char extra[kZip64ExtraSize];
   bool read = file->readAt(headerOffset, header, sizeof(header));
   const uint64_t nameLength = read ? Get(header + kNameLengthField, 2) : 0;
   const uint64_t extraOffset = headerOffset + kFixedSize + nameLength;
-  read = read && Get(header, 4) == kLocalSignature &&
+  const uint64_t dataOffset = extraOffset + (read ? Get(header + kExtraLengthField, 2) : 0);
+  read = read && Get(header, 4) == kLocalSignature && file->position() >= dataOffset &&
          Get(header + kExtraLengthField, 2) >= kZip64ExtraSize &&
          file->readAt(extraOffset, extra, sizeof(extra)) && Get(extra, 2) == kZip64ExtraId &&
          Get(extra + 2, 2) == kZip64ExtraDataSize;
@@ -50,10 +52,8 @@ ResultCode CompleteZip64LocalHeader(CArchiveFile* file, uint64_t headerOffset) {
            static_cast<unsigned long long>(headerOffset), file->temporaryPath().c_str());
     return GLOBAL_ERROR_UNEXPECTED;
   }
-  const uint64_t compressed = Get(header + kCompressedSizeField, 4);
-  const uint64_t uncompressed = Get(header + kUncompressedSizeField, 4);
-  if (compressed == kNoSize || uncompressed == kNoSize)
-    return 0;  // minizip put both sizes in the zip64 field
+  // minizip leaves the position at the end of the entry's data.
+  const uint64_t compressed = file->position() - dataOffset;
   Put(header + kCompressedSizeField, kNoSize, 4);
   Put(header + kUncompressedSizeField, kNoSize, 4);
   Put(extra + 4, uncompressed, 8);

@@ -268,7 +268,7 @@ ResultCode CParallelZip::writeFront(Slot* slot) {
     KLOG_LIBRARY("zipCloseFileInZipRaw64", closed, "%s", name.c_str());
     return GLOBAL_ERROR_UNEXPECTED;
   }
-  if (zip64 != 0 && CompleteZip64LocalHeader(m_archive, headerOffset) != 0)
+  if (zip64 != 0 && CompleteZip64LocalHeader(m_archive, headerOffset, size) != 0)
     return GLOBAL_ERROR_UNEXPECTED;
   return 0;
 }
