@@ -238,6 +238,25 @@ bool CArchiveFile::readAt(unsigned long long offset, void* data, size_t size) {
   return true;
 }
 
+bool CArchiveFile::writeAt(unsigned long long offset, const void* data, size_t size) {
+  if (!flush())
+    return false;
+  const unsigned char* bytes = static_cast<const unsigned char*>(data);
+  while (size > 0) {
+    const ssize_t count = pwrite(m_fd.get(), bytes, size, static_cast<off_t>(offset));
+    if (count < 0 && errno == EINTR)
+      continue;
+    if (count <= 0) {
+      remember(count < 0 ? errno : ENOSPC, "write");
+      return false;
+    }
+    bytes += count;
+    size -= static_cast<size_t>(count);
+    offset += static_cast<unsigned long long>(count);
+  }
+  return true;
+}
+
 bool CArchiveFile::replaceTail(unsigned long long offset, const void* data, size_t size) {
   if (!flush())
     return false;

@@ -70,6 +70,11 @@ class CArchiveFile {
   // remembered as a failure, when they can't all be read.
   bool readAt(unsigned long long offset, void* data, size_t size);
 
+  // Writes `size` bytes over what was written at `offset`, leaving the
+  // position of the next write as it was; false, logged and remembered, on
+  // failure.
+  bool writeAt(unsigned long long offset, const void* data, size_t size);
+
   // Writes `size` bytes at `offset` and ends the file after them (for the
   // archive's end records, once minizip has closed it); false, logged and
   // remembered, on failure.

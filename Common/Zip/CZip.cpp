@@ -19,6 +19,7 @@
 #include "Common/Zip/ArchiveTail.h"
 #include "Common/Zip/EntryDeflater.h"
 #include "Common/Zip/EntrySource.h"
+#include "Common/Zip/LocalHeader.h"
 #include "Common/Zip/ParallelZip.h"
 #include "Common/Zip/ZipCrypto.h"
 #include "Common/Zip/ZipLog.h"
@@ -370,11 +371,11 @@ ResultCode CZip::createZipFile(const std::vector<std::string>& files, const std:
   };
   size_t entries = 0;
   if (password.empty() && workers != kSequential) {
-    CParallelZip pool(zip, files, names, isArchive, workers);
+    CParallelZip pool(zip, &file, files, names, isArchive, workers);
     result = pool.run();
     entries = pool.entriesWritten();
   } else {
-    result = writeEntries(zip, files, names, password, isArchive, &entries);
+    result = writeEntries(zip, &file, files, names, password, isArchive, &entries);
   }
   // The central directory starts where the last entry ended.
   const uint64_t centralOffset = file.position();
@@ -400,7 +401,8 @@ ResultCode CZip::createZipFile(const std::vector<std::string>& files, const std:
   return result;
 }
 
-ResultCode CZip::writeEntries(zipFile zip, const std::vector<std::string>& files,
+ResultCode CZip::writeEntries(zipFile zip, CArchiveFile* archive,
+                              const std::vector<std::string>& files,
                               const std::vector<std::string>& names, const std::string& password,
                               const std::function<bool(const std::string&)>& isArchive,
                               size_t* written) {
@@ -433,6 +435,7 @@ ResultCode CZip::writeEntries(zipFile zip, const std::vector<std::string>& files
     }
     const uint64_t overhead = entryPassword == nullptr ? 0 : CZipCrypto::kHeaderSize;
     const int zip64 = ZipEntryNeedsZip64(source.size(), overhead) ? 1 : 0;
+    const uint64_t headerOffset = archive->position();
     int opened;
     if (entryPassword == nullptr) {
       opened =
@@ -453,6 +456,7 @@ ResultCode CZip::writeEntries(zipFile zip, const std::vector<std::string>& files
       return GLOBAL_ERROR_UNEXPECTED;
     }
     int closed;
+    uint64_t uncompressed = source.size();  // every byte, or a failure
     if (entryPassword == nullptr) {
       if (!CopyIntoEntry(zip, &source, file, in.get()))
         return GLOBAL_ERROR_UNEXPECTED;
@@ -463,12 +467,15 @@ ResultCode CZip::writeEntries(zipFile zip, const std::vector<std::string>& files
       if (totals.failed)
         return GLOBAL_ERROR_UNEXPECTED;
       closed = zipCloseFileInZipRaw64(zip, totals.size, totals.crc);
+      uncompressed = totals.size;
     }
     if (closed < 0) {
       KLOG_LIBRARY(entryPassword == nullptr ? "zipCloseFileInZip" : "zipCloseFileInZipRaw64",
                    closed, nullptr);
       return GLOBAL_ERROR_UNEXPECTED;
     }
+    if (zip64 != 0 && CompleteZip64LocalHeader(archive, headerOffset, uncompressed) != 0)
+      return GLOBAL_ERROR_UNEXPECTED;
     ++*written;
   }
   return 0;

@@ -39,6 +39,8 @@
 
 #include "Common/Result/ResultCode.h"
 
+class CArchiveFile;
+
 class CZip {
  public:
   // The size of every read and write buffer.
@@ -123,9 +125,11 @@ class CZip {
 
  private:
   // The sequential path: reads, deflates (and encrypts) and writes each
-  // entry in turn on the calling thread, counting them in `written`. Files
-  // for which `isArchive` holds are left out.
-  static ResultCode writeEntries(zipFile zip, const std::vector<std::string>& files,
+  // entry in turn on the calling thread into `zip`, which writes through
+  // `archive`, counting them in `written`. Files for which `isArchive` holds
+  // are left out.
+  static ResultCode writeEntries(zipFile zip, CArchiveFile* archive,
+                                 const std::vector<std::string>& files,
                                  const std::vector<std::string>& names, const std::string& password,
                                  const std::function<bool(const std::string&)>& isArchive,
                                  size_t* written);

@@ -26,8 +26,10 @@
 
 #include "Common/Log/Log.h"
 #include "Common/Utility/InterruptGuard.h"
+#include "Common/Utility/ScopedHandles.h"
 #include "Common/Zip/ArchiveFile.h"
 #include "Common/Zip/EntryDeflater.h"
+#include "Common/Zip/LocalHeader.h"
 #include "Common/Zip/ParallelZip.h"
 #include "Common/Zip/ZipCrypto.h"
 #include "tests/support/TestSupport.h"
@@ -552,8 +554,8 @@ TEST(CZip, MissingSourceFailsTheArchiveAndLeavesNothing) {
   LogCapture capture;
   EXPECT_EQ(CZip::Zip(missing, archive, "", true), GLOBAL_ERROR_UNEXPECTED);
   EXPECT_TRUE(HasMessage(capture, LOG_LEVEL_W, "Failed to get file time attributes."));
-  EXPECT_TRUE(
-      HasMessage(capture, LOG_LEVEL_E, "Could not open " + missing + ": No such file or directory"));
+  EXPECT_TRUE(HasMessage(capture, LOG_LEVEL_E,
+                         "Could not open " + missing + ": No such file or directory"));
   EXPECT_EQ(keeltest::ListDir(tmp.path()), std::vector<std::string>{});
 }
 
@@ -1667,7 +1669,7 @@ ResultCode ZipWithPool(const std::vector<std::string>& files, const std::vector<
                             file.fileFunctions());
   if (zip == nullptr)
     return GLOBAL_ERROR_BAD_PARAMETER;
-  CParallelZip pool(zip, files, names, nullptr, workers, limits);
+  CParallelZip pool(zip, &file, files, names, nullptr, workers, limits);
   result = pool.run();
   if (peakQueued != nullptr)
     *peakQueued = pool.peakQueued();
@@ -1983,6 +1985,63 @@ LargeEntryFacts ReadLargeEntry(const std::string& archive) {
   return {ran.status, ran.out + ran.err};
 }
 
+// Writes one small entry with zip64 headers, as the archive writer does for
+// a file whose deflated data could have passed 4 GiB, into `archive`;
+// `complete` says whether its local header is completed afterwards.
+ResultCode WriteSmallZip64Entry(const std::string& archive, bool complete) {
+  CArchiveFile file;
+  ResultCode result = file.create(archive);
+  if (result != 0)
+    return result;
+  zipFile zip = zipOpen2_64(file.temporaryPath().c_str(), APPEND_STATUS_CREATE, nullptr,
+                            file.fileFunctions());
+  if (zip == nullptr)
+    return GLOBAL_ERROR_BAD_PARAMETER;
+  zip_fileinfo info;
+  memset(&info, 0, sizeof(info));
+  CZip::getFileDate(archive + ".none", &info.tmz_date);
+  const uint64_t header = file.position();
+  const std::string data = LogText(5000, 7);
+  int code =
+      zipOpenNewFileInZip3_64(zip, "small.log", &info, nullptr, 0, nullptr, 0, nullptr, Z_DEFLATED,
+                              9, 0, -MAX_WBITS, 8, Z_DEFAULT_STRATEGY, nullptr, 0, /*zip64=*/1);
+  if (code == ZIP_OK)
+    code = zipWriteInFileInZip(zip, data.data(), static_cast<unsigned>(data.size()));
+  if (code == ZIP_OK)
+    code = zipCloseFileInZip(zip);
+  if (code == ZIP_OK && complete)
+    result = CompleteZip64LocalHeader(&file, header, data.size());
+  if (zipClose(zip, nullptr) != ZIP_OK || code != ZIP_OK)
+    return GLOBAL_ERROR_UNEXPECTED;
+  return result != 0 ? result : file.commit();
+}
+
+TEST(CZip, Zip64LocalHeaderOfAnEntryThatStayedSmallCarriesItsSizes) {
+  TempDir tmp;
+  // As minizip leaves it: the zip64 field holds zeros, which 7z reports.
+  const std::string left = tmp.Sub("left.zip");
+  ASSERT_EQ(WriteSmallZip64Entry(left, false), 0u);
+  const keeltest::CommandResult before = keeltest::Run({"7z", "t", left});
+  EXPECT_NE((before.out + before.err).find("Headers Error"), std::string::npos) << before.out;
+
+  const std::string archive = tmp.Sub("completed.zip");
+  ASSERT_EQ(WriteSmallZip64Entry(archive, true), 0u);
+  ExpectSevenZipAccepts(archive);
+  ExpectArchiveHolds(archive, {{"small.log", LogText(5000, 7)}});
+  const LargeEntryFacts facts = ReadLargeEntry(archive);
+  EXPECT_EQ(facts.out,
+            "small.log 8 5000 5000 False\n"
+            "local 45 0001\n"
+            "central 20 -\n"
+            "testzip None\n");
+  // The 32-bit sizes give way to the zip64 field's.
+  const std::string bytes = ReadFile(archive);
+  ASSERT_GT(bytes.size(), 50u);
+  EXPECT_EQ(bytes.substr(18, 8), std::string(8, '\xFF'));
+  EXPECT_EQ(bytes.substr(30 + 9, 4), std::string("\x01\x00\x10\x00", 4));
+  EXPECT_EQ(bytes.substr(30 + 9 + 4, 8), std::string("\x88\x13\0\0\0\0\0\0", 8));  // 5000
+}
+
 void ZipSparseFileOfSize(uint64_t size, const std::string& expectedFacts) {
   TempDir tmp;
   const std::string source = tmp.Sub("work");
@@ -2000,6 +2059,7 @@ void ZipSparseFileOfSize(uint64_t size, const std::string& expectedFacts) {
   const keeltest::CommandResult tested = keeltest::Run({"unzip", "-t", archive});
   EXPECT_EQ(tested.status, 0) << tested.out << tested.err;
   EXPECT_NE(tested.out.find("No errors detected"), std::string::npos) << tested.out;
+  ExpectSevenZipAccepts(archive);
   const ZipinfoListing listing = ReadWithZipinfo(archive);
   EXPECT_EQ(listing.names, std::vector<std::string>{"zeros.bin"});
   EXPECT_EQ(listing.methods, std::vector<std::string>{"defX"});
@@ -2008,10 +2068,23 @@ void ZipSparseFileOfSize(uint64_t size, const std::string& expectedFacts) {
   EXPECT_EQ(facts.out, expectedFacts);
 }
 
-TEST(CZipSlow, FileOfFFFFFFFEBytesIsWrittenWithoutZip64) {
+TEST(CZipSlow, FileJustBelowTheDeflateBoundIsWrittenWithoutZip64) {
+  const uint64_t size = SmallestSizeDeflateMayTake4GiBFor() - 1;
+  const std::string text = std::to_string(size);
+  ZipSparseFileOfSize(size, "zeros.bin 8 " + text + " " + text +
+                                " True\n"
+                                "local 20 -\n"
+                                "central 20 -\n"
+                                "testzip None\n");
+}
+
+// A file of 0xFFFFFFFE bytes may deflate past 4 GiB, so its local header
+// makes room for zip64 sizes; zeros stay small, so the central directory
+// needs none.
+TEST(CZipSlow, FileOfFFFFFFFEBytesGetsAZip64LocalHeader) {
   ZipSparseFileOfSize(0xFFFFFFFEull,
                       "zeros.bin 8 4294967294 4294967294 True\n"
-                      "local 20 -\n"
+                      "local 45 0001\n"
                       "central 20 -\n"
                       "testzip None\n");
 }
@@ -2022,6 +2095,60 @@ TEST(CZipSlow, FileOfFFFFFFFFBytesIsWrittenWithZip64) {
                       "local 45 0001\n"
                       "central 45 0001\n"
                       "testzip None\n");
+}
+
+// Writes `size` bytes of pseudo-random data (xorshift64*, which deflate
+// can't shrink) to `path`, a MiB at a time; returns success.
+bool WriteNoiseFile(const std::string& path, uint64_t size) {
+  FileHandle file(fopen(path.c_str(), "wb"));
+  if (!file)
+    return false;
+  std::vector<uint64_t> block((1u << 20) / sizeof(uint64_t));
+  uint64_t state = 0x9E3779B97F4A7C15ull;
+  for (uint64_t left = size; left > 0;) {
+    for (uint64_t& word : block) {
+      state ^= state >> 12;
+      state ^= state << 25;
+      state ^= state >> 27;
+      word = state * 0x2545F4914F6CDD1Dull;
+    }
+    const size_t count = static_cast<size_t>(std::min<uint64_t>(left, block.size() * 8));
+    if (fwrite(block.data(), 1, count, file.get()) != count)
+      return false;
+    left -= count;
+  }
+  return fclose(file.release()) == 0;
+}
+
+TEST(CZipSlow, IncompressibleFileJustUnder4GiBIsWrittenWithZip64AndOtherToolsReadIt) {
+  // Deflate makes this a little over 4 GiB.
+  const uint64_t size = 4294000000ull;
+  TempDir tmp;
+  const std::string source = tmp.Sub("work");
+  ASSERT_TRUE(MakeDir(source));
+  ASSERT_TRUE(WriteNoiseFile(source + "/noise.bin", size));
+  const std::string archive = tmp.Sub("noise.zip");
+  ASSERT_EQ(CZip::Zip(source, archive, "", true), 0u);
+  // The workers' archive is the sequential path's, byte for byte.
+  const std::string reference = tmp.Sub("sequential.zip");
+  ASSERT_EQ(CZip::Zip(source, reference, "", true, CZip::kSequential), 0u);
+  EXPECT_EQ(keeltest::Run({"cmp", archive, reference}).status, 0) << "the archives differ";
+  ASSERT_EQ(unlink(reference.c_str()), 0);
+  struct stat info;
+  ASSERT_EQ(stat(archive.c_str(), &info), 0);
+  EXPECT_GT(static_cast<uint64_t>(info.st_size), 0xFFFFFFFFull);
+
+  const keeltest::CommandResult tested = keeltest::Run({"unzip", "-t", archive});
+  EXPECT_EQ(tested.status, 0) << tested.out << tested.err;
+  EXPECT_NE(tested.out.find("No errors detected"), std::string::npos) << tested.out;
+  ExpectSevenZipAccepts(archive);
+  const LargeEntryFacts facts = ReadLargeEntry(archive);
+  EXPECT_EQ(facts.status, 0);
+  EXPECT_EQ(facts.out,
+            "noise.bin 8 4294000000 4294000000 False\n"
+            "local 45 0001\n"
+            "central 45 0001\n"
+            "testzip None\n");
 }
 
 }  // namespace

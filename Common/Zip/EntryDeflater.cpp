@@ -2,8 +2,6 @@
 
 #include <cstring>
 
-#include "Common/Log/Log.h"
-#include "Common/Utility/ScopedHandles.h"
 #include "Common/Zip/CZip.h"
 #include "Common/Zip/EntrySource.h"
 

@@ -6,9 +6,11 @@
 
 #include "Common/Log/Log.h"
 #include "Common/Utility/JoinableThread.h"
+#include "Common/Zip/ArchiveFile.h"
 #include "Common/Zip/CZip.h"
 #include "Common/Zip/EntryDeflater.h"
 #include "Common/Zip/EntrySource.h"
+#include "Common/Zip/LocalHeader.h"
 #include "Common/Zip/ZipLog.h"
 
 namespace {
@@ -44,10 +46,12 @@ struct CParallelZip::Slot {
   size_t queued = 0;  // bytes of this entry counted in m_queued
 };
 
-CParallelZip::CParallelZip(zipFile zip, const std::vector<std::string>& files,
+CParallelZip::CParallelZip(zipFile zip, CArchiveFile* archive,
+                           const std::vector<std::string>& files,
                            const std::vector<std::string>& names, SkipTest skip, unsigned workers,
                            const Limits& limits)
     : m_zip(zip),
+      m_archive(archive),
       m_files(files),
       m_names(names),
       m_skip(std::move(skip)),
@@ -225,6 +229,7 @@ ResultCode CParallelZip::writeFront(Slot* slot) {
   }
   // A raw entry: minizip stores the bytes as they come and takes the CRC
   // and size from the close; everything else it writes as for any entry.
+  const uint64_t headerOffset = m_archive->position();
   const int opened = zipOpenNewFileInZip4_64(m_zip, name.c_str(), &info, nullptr, 0, nullptr, 0,
                                              nullptr, Z_DEFLATED, kZipDeflateLevel,
                                              /*raw=*/1, kZipWindowBits, kZipMemLevel, kZipStrategy,
@@ -270,6 +275,8 @@ ResultCode CParallelZip::writeFront(Slot* slot) {
     KLOG_LIBRARY("zipCloseFileInZipRaw64", closed, "%s", name.c_str());
     return GLOBAL_ERROR_UNEXPECTED;
   }
+  if (zip64 != 0 && CompleteZip64LocalHeader(m_archive, headerOffset, size) != 0)
+    return GLOBAL_ERROR_UNEXPECTED;
   return 0;
 }
 

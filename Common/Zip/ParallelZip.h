@@ -26,9 +26,10 @@
 // returned, as on the sequential path; the archive is then incomplete and
 // the caller discards it.
 //
-// Ownership: the object borrows the archive and the lists for the length of
-// run(); it owns its worker threads, which run() starts and joins. Only the
-// thread that calls run() touches the archive.
+// Ownership: the object borrows the archive (minizip's handle and the file
+// it writes through) and the lists for the length of run(); it owns its
+// worker threads, which run() starts and joins. Only the thread that calls
+// run() touches the archive.
 #ifndef COMMON_ZIP_PARALLELZIP_H_
 #define COMMON_ZIP_PARALLELZIP_H_
 
@@ -45,6 +46,8 @@
 
 #include "Common/Result/ResultCode.h"
 #include "Common/Zip/EntryDeflater.h"
+
+class CArchiveFile;
 
 // How much may wait between the workers and the writer.
 struct ParallelZipLimits {
@@ -65,9 +68,9 @@ class CParallelZip {
   // replace), which is left out with a warning. Called on worker threads.
   using SkipTest = std::function<bool(const std::string& path)>;
 
-  // Writes `files[i]` as entry `names[i]` into `zip`, with `workers` worker
-  // threads (at least one).
-  CParallelZip(zipFile zip, const std::vector<std::string>& files,
+  // Writes `files[i]` as entry `names[i]` into `zip`, which writes through
+  // `archive`, with `workers` worker threads (at least one).
+  CParallelZip(zipFile zip, CArchiveFile* archive, const std::vector<std::string>& files,
                const std::vector<std::string>& names, SkipTest skip, unsigned workers,
                const Limits& limits = Limits());
   ~CParallelZip();
@@ -103,6 +106,7 @@ class CParallelZip {
   void popFront();
 
   zipFile m_zip;
+  CArchiveFile* m_archive;
   const std::vector<std::string>& m_files;
   const std::vector<std::string>& m_names;
   SkipTest m_skip;
