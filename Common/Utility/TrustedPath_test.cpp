@@ -257,8 +257,8 @@ TEST_F(TrustedPathTest, LinkLoopsAndLongChainsEndAfterFortyLinks) {
   RootFile("end", "end\n", 0600);
   ASSERT_EQ(0, symlink("end", Sub("l0").c_str()));
   for (int i = 1; i <= 40; ++i) {
-    ASSERT_EQ(0, symlink(("l" + std::to_string(i - 1)).c_str(),
-                         Sub("l" + std::to_string(i)).c_str()));
+    ASSERT_EQ(0,
+              symlink(("l" + std::to_string(i - 1)).c_str(), Sub("l" + std::to_string(i)).c_str()));
   }
   TrustedPathResult forty = TrustedPath::openFileForReading(Sub("l39"));
   ASSERT_TRUE(forty.ok()) << forty.reason;

@@ -50,24 +50,28 @@ ResultCode KEELCollectLogsAction::performFileAction(XMLObject& subtree, TruncAtt
     }
   }
 
-  // The search gives `folder` its trailing "/", which the sources use.
+  // The search gives `folder` its trailing "/", which the sources use. The
+  // files are opened from the listed folder, not by their paths again.
   std::vector<std::string> patterns{pattern};
-  std::vector<FileEntry> found;
-  if (helperUtil::fileFindAll(folder, patterns, false, found) != 0) {
+  FolderListing listing;
+  if (helperUtil::fileListTree(folder, patterns, false, listing) != 0) {
     helperUtil::fillSummaryFailedFile(
         m_pXMLSummary, m_fileId, "N/A", m_description,
         "No file found with path matching: " + attributes.resolvedLoc);
     return 0;
   }
 
-  for (const FileEntry& entry : found) {
-    const std::string source = folder + entry.name;
+  for (const FileEntry& entry : listing.entries) {
+    const std::string source = entry.directory + entry.name;
     if (attributes.gatherNewest && entry.name != newest.name)
       continue;
     const std::string destination =
         m_bundleFolder + "/" + helperUtil::bundleFileName(m_bundleName, entry.name);
-    std::string errorText;
-    result = helperUtil::fileCopy(source, destination, errorText);
+    std::string errorText = entry.unreachable;
+    result = KEELENGINE_ERROR_FILE_OPEN_FAILURE;
+    if (entry.unreachable.empty())
+      result = helperUtil::fileCopyAt(listing.folder.get(), listing.steeringUser, entry.name,
+                                      destination, errorText);
     if (result != 0) {
       helperUtil::fillSummaryFailedFile(m_pXMLSummary, m_fileId,
                                         helperUtil::splitAfterLast(source, "/"), m_description,
@@ -89,30 +93,39 @@ ResultCode KEELCollectLogsAction::performDirectoryAction(XMLObject& subtree,
   if (result != 0)
     return result;
 
+  // The whole tree is listed before anything is copied, so that the copies
+  // never become part of what is listed (the working folder may lie below
+  // loc). Each file is then opened from the listed folder, one name at a
+  // time.
   std::string searchFolder = attributes.resolvedLoc;
-  std::vector<FileEntry> found;
-  if (helperUtil::fileFindAll(searchFolder, attributes.patterns, true, found) != 0) {
+  FolderListing listing;
+  if (helperUtil::fileListTree(searchFolder, attributes.patterns, true, listing) != 0) {
     helperUtil::fillSummaryFailedFile(m_pXMLSummary, m_fileId, "N/A", m_description,
                                       attributes.resolvedLoc);
     return 0;
   }
 
-  for (const FileEntry& entry : found) {
+  for (const FileEntry& entry : listing.entries) {
     // The tree below loc is kept inside the bundle folder.
     const std::string target =
         CStringUtils::replaceAll(entry.directory, attributes.resolvedLoc, m_bundleFolder + "/");
     const std::string source = entry.directory + entry.name;
     const std::string destination = target + entry.name;
-    std::string errorText;
-    std::error_code made;
-    std::filesystem::create_directories(target, made);
-    // A folder that cannot be made (a full disk) loses its file, and the
-    // summary says so.
-    result = made ? KEELENGINE_ERROR_WRITE_FAILURE : 0;
-    if (made)
-      errorText = made.message();
-    else
-      result = helperUtil::fileCopy(source, destination, errorText);
+    std::string errorText = entry.unreachable;
+    if (!entry.unreachable.empty()) {
+      result = KEELENGINE_ERROR_FILE_OPEN_FAILURE;
+    } else {
+      std::error_code made;
+      std::filesystem::create_directories(target, made);
+      // A folder that cannot be made (a full disk) loses its file, and the
+      // summary says so.
+      result = made ? KEELENGINE_ERROR_WRITE_FAILURE : 0;
+      if (made)
+        errorText = made.message();
+      else
+        result = helperUtil::fileCopyAt(listing.folder.get(), listing.steeringUser,
+                                        source.substr(searchFolder.size()), destination, errorText);
+    }
     if (result != 0) {
       helperUtil::fillSummaryFailedFile(m_pXMLSummary, m_fileId,
                                         helperUtil::splitAfterLast(source, "/"), m_description,

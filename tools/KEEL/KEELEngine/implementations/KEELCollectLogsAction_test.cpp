@@ -554,3 +554,69 @@ TEST_F(CollectDirectoryAction, CopiesIntoTheBundleFolderItself) {
   ExpectRecord(records.front(), m_bundle + "/only.txt");
   EXPECT_EQ(10000.0, records.front().size);
 }
+
+// ---- Sources another user controls -------------------------------------------------
+
+namespace {
+
+// The copy tests with a folder of uid 65534 below the source folder, and
+// links made there by that user.
+class CollectFromOtherUser : public CollectCopyTest {
+ protected:
+  void SetUp() override {
+    CollectCopyTest::SetUp();
+    for (const std::string& path : {m_tmp.path(), m_src})
+      ASSERT_EQ(0, chmod(path.c_str(), 0755));
+    ASSERT_TRUE(keeltest::WriteFile(m_tmp.Sub("private/shadow"), "root only\n"));
+    ASSERT_EQ(0, chmod(m_tmp.Sub("private").c_str(), 0700));
+    ASSERT_EQ(0, chmod(m_tmp.Sub("private/shadow").c_str(), 0600));
+    m_user = m_src + "/user";
+    ASSERT_EQ(0, mkdir(m_user.c_str(), 0755));
+    ASSERT_EQ(0, chown(m_user.c_str(), keeltest::kNobody, keeltest::kNobody));
+    ASSERT_TRUE(keeltest::WriteFile(m_user + "/app.log", "app\n"));
+  }
+
+  void UsersLink(const std::string& target, const std::string& at) {
+    const int status =
+        keeltest::RunAsNobody([&] { return symlink(target.c_str(), at.c_str()) == 0 ? 0 : 1; });
+    if (status == keeltest::kCannotBecomeNobody)
+      GTEST_SKIP() << "cannot change to an unprivileged user";
+    ASSERT_EQ(0, status);
+  }
+
+  std::string m_user;
+};
+
+const char kSteered[] = " belongs to uid 0 but is reached through a folder or link of uid 65534";
+
+}  // namespace
+
+TEST_F(CollectFromOtherUser, FileActionOmitsTheUsersLinkToARootOnlyFileWithTheReason) {
+  ASSERT_NO_FATAL_FAILURE(UsersLink(m_tmp.Sub("private/shadow"), m_user + "/zz.log"));
+  const TruncAttrsList records = Collect(FileGroup("<loc>" + m_user + "/*.log</loc>"));
+  ASSERT_EQ(1u, records.size());
+  ExpectRecord(records.front(), m_bundle + "/app.log");
+  EXPECT_EQ(
+      (std::vector<Omitted>{{"id-1", "zz.log", "Test logs",
+                             m_user + "/*.log Error occurred opening the file: \"/\"" + kSteered}}),
+      omitted());
+  EXPECT_EQ((std::vector<std::string>{"app.log"}), keeltest::ListDir(m_bundle));
+}
+
+TEST_F(CollectFromOtherUser, DirectoryActionOmitsTheUsersFileAndFolderLinksWithTheReason) {
+  ASSERT_NO_FATAL_FAILURE(UsersLink("../../private/shadow", m_user + "/shadow.log"));
+  ASSERT_NO_FATAL_FAILURE(UsersLink("../../private", m_user + "/door"));
+  const TruncAttrsList records =
+      Collect(DirectoryGroup("<loc>" + m_src + "</loc><pattern>*.log</pattern>"));
+  ASSERT_EQ(1u, records.size());
+  ExpectRecord(records.front(), m_bundle + "/user/app.log");
+  std::vector<Omitted> rows = omitted();
+  std::sort(rows.begin(), rows.end(),
+            [](const Omitted& a, const Omitted& b) { return a.name < b.name; });
+  const std::string reason = " Error occurred opening the file: \"..\"" + std::string(kSteered);
+  EXPECT_EQ(
+      (std::vector<Omitted>{{"id-1", "door", "Test logs", m_user + "/door" + reason},
+                            {"id-1", "shadow.log", "Test logs", m_user + "/shadow.log" + reason}}),
+      rows);
+  EXPECT_EQ((std::vector<std::string>{"app.log"}), keeltest::ListDir(m_bundle + "/user"));
+}

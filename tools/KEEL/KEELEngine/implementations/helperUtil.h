@@ -15,6 +15,8 @@
 #ifndef TOOLS_KEEL_KEELENGINE_IMPLEMENTATIONS_HELPERUTIL_H_
 #define TOOLS_KEEL_KEELENGINE_IMPLEMENTATIONS_HELPERUTIL_H_
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <mutex>
 #include <string>
@@ -22,6 +24,7 @@
 
 #include "Common/Result/ResultCode.h"
 #include "Common/Utility/HostPaths.h"
+#include "Common/Utility/ScopedHandles.h"
 
 class XMLObject;
 struct HostOSInfo;
@@ -32,6 +35,21 @@ struct FileEntry {
   std::string directory;  // folder it was found in, ending in "/"
   bool isDirectory = false;
   int64_t modified = 0;  // modification time in seconds
+  // Why the entry could not be reached (a link not followed, a folder that
+  // could not be opened, a name too long to be a path); empty when it was.
+  // Only a FolderListing holds such entries.
+  std::string unreachable;
+};
+
+// A listing of helperUtil::fileListTree: what fileFindAll lists, together
+// with the folder the listing was made from, still open, so that what it
+// lists is opened from there (fileCopyAt) and never by its path again.
+// Entries that could not be reached stand in `entries` too, in the order
+// of the listing, with the reason in `unreachable`.
+struct FolderListing {
+  ScopedFd folder;         // the listed folder; invalid when it was refused
+  uid_t steeringUser = 0;  // the walk's steering user at that folder
+  std::vector<FileEntry> entries;
 };
 
 // What the status channel last showed, for a listening front end.
@@ -93,14 +111,22 @@ class helperUtil {
   // ---- File operations ----------------------------------------------------
 
   // Copies a file, or a folder tree, to `destination` (its parent must
-  // exist). An existing destination file is removed first; the copy is
-  // made with mode 0600 and never through a link. On an open failure of the
-  // source, `errorText` receives strerror. A copy that cannot be written
-  // whole is removed and gives KEELENGINE_ERROR_WRITE_FAILURE with the
-  // system's words in `errorText`. Failures inside a folder tree are logged
-  // and never reach the caller.
+  // exist). The source is reached by TrustedPath: a link another user
+  // could have planted is not followed, and a source that is neither a
+  // regular file nor a folder is refused, each as an open failure with the
+  // reason in `errorText`; a missing source is KEELENGINE_ERROR_FILE_NOT_FOUND.
+  // A file is copied up to the size it had when opened, so a file that
+  // grows meanwhile is not chased. An existing destination file is removed
+  // first; the copy is made with mode 0600 and never through a link. A copy
+  // that cannot be written whole is removed and gives
+  // KEELENGINE_ERROR_WRITE_FAILURE with the system's words in `errorText`.
+  // Failures inside a folder tree are logged and never reach the caller.
   static ResultCode fileCopy(const std::string& source, const std::string& destination,
                              std::string& errorText);
+  // The same for `relative` (a name, or names joined by "/") below the
+  // opened folder `folder` whose walk gave `steeringUser`.
+  static ResultCode fileCopyAt(int folder, uid_t steeringUser, const std::string& relative,
+                               const std::string& destination, std::string& errorText);
   // Removes a file; a missing file counts as removed.
   static ResultCode fileDelete(const std::string& path);
   // Removes the files directly in `folder`; sub-folders stay.
@@ -112,10 +138,20 @@ class helperUtil {
   // Appends to `results` every file (never a folder) of `folder` whose
   // lower-cased name matches a pattern, going into sub-folders when
   // `recursive` is set. `folder` gets a trailing "/" and `patterns` are
-  // lower-cased in place. An empty result is KEELENGINE_ERROR_FILE_NOT_FOUND,
-  // never success.
+  // lower-cased in place. The walk goes by descriptor and follows only the
+  // links TrustedPath trusts; what it cannot reach is logged and left out.
+  // An empty result is KEELENGINE_ERROR_FILE_NOT_FOUND, never success.
   static ResultCode fileFindAll(std::string& folder, std::vector<std::string>& patterns,
                                 bool recursive, std::vector<FileEntry>& results);
+  // fileFindAll for a copy: the listing keeps its folder open, and what
+  // could not be reached is listed with its reason instead of left out: in
+  // a recursive listing every such entry (it may be a folder), otherwise
+  // those whose names match. A listed folder that is refused for another
+  // reason than its absence or not being a folder gives one such entry for
+  // itself and success. Names whose path would pass PATH_MAX are not
+  // reached either.
+  static ResultCode fileListTree(std::string& folder, std::vector<std::string>& patterns,
+                                 bool recursive, FolderListing& listing);
   // Sets name and modified of `newest` to the newest match of `pattern`
   // directly in `folder`; of equal times the last one listed wins.
   static ResultCode fileGetNewestMatchingFile(const std::string& folder, const std::string& pattern,

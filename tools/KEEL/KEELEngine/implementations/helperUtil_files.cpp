@@ -1,10 +1,14 @@
 // File operations of helperUtil: copy, delete, find, cut, make, size.
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <fstream>
 #include <limits>
@@ -15,6 +19,7 @@
 
 #include "Common/Log/Log.h"
 #include "Common/Utility/ScopedHandles.h"
+#include "Common/Utility/TrustedPath.h"
 #include "Common/Utility/sysutils.h"
 #include "tools/KEEL/KEELEngine/implementations/helperUtil.h"
 
@@ -23,9 +28,9 @@ namespace {
 constexpr size_t kCopyBlockSize = 4096;
 constexpr char kScratchFile[] = "temp_out.txt";
 
-// The folders on the current recursion path, by device and inode. Links are
-// followed, so a link back to one of them would otherwise recurse without
-// end.
+// The folders on the current recursion path, by device and inode. Trusted
+// links are followed, so a link back to one of them would otherwise recurse
+// without end.
 struct FolderId {
   dev_t device;
   ino_t inode;
@@ -88,17 +93,40 @@ ResultCode FailWrittenCopy(const std::string& destination, int error, std::strin
   return KEELENGINE_ERROR_WRITE_FAILURE;
 }
 
-ResultCode CopyRegularFile(const std::string& source, const std::string& destination,
+// Why a read of a source failed: the copy is removed, and the system's
+// words go to the summary.
+ResultCode FailReadSource(const std::string& destination, int error, std::string& errorText) {
+  errorText = errnoText(error);
+  KLOG_RC_DESC(LOG_LEVEL_E, "read", static_cast<ResultCode>(error), errorText.c_str());
+  unlink(destination.c_str());
+  return KEELENGINE_ERROR_UNEXPECTED;
+}
+
+// How many bytes of the opened regular file to copy: the size it had when
+// it was opened, so that a log that grows meanwhile is not chased until the
+// disk is full. The files of /proc and /sys show a size of 0 and make their
+// text when read: those are read to their end.
+uint64_t BytesToCopy(const TrustedPathResult& source) {
+  struct statfs system;
+  if (source.info.st_size == 0 && fstatfs(source.fd.get(), &system) == 0 &&
+      (system.f_type == PROC_SUPER_MAGIC || system.f_type == SYSFS_MAGIC))
+    return std::numeric_limits<uint64_t>::max();
+  return static_cast<uint64_t>(source.info.st_size);
+}
+
+// Copies the opened regular file `source` up to BytesToCopy. A file that
+// shrinks gives what is left.
+ResultCode CopyRegularFile(TrustedPathResult& source, const std::string& destination,
                            std::string& errorText) {
+  // The destination named by other text may be the source itself: a copy
+  // onto itself does nothing, as for the same text.
+  struct stat existing;
+  if (lstat(destination.c_str(), &existing) == 0 && existing.st_dev == source.info.st_dev &&
+      existing.st_ino == source.info.st_ino)
+    return 0;
   ResultCode result = DeleteDestination(destination);
   if (result != 0)
     return result;
-
-  FileHandle in(fopen(source.c_str(), "rbe"));
-  if (!in) {
-    errorText = errnoText(errno);
-    return KEELENGINE_ERROR_FILE_OPEN_FAILURE;
-  }
   FileHandle out(OpenCopyDestination(destination));
   if (!out) {
     KLOG_E("Failed to open file \"%s\"", destination.c_str());
@@ -106,15 +134,29 @@ ResultCode CopyRegularFile(const std::string& source, const std::string& destina
   }
 
   std::unique_ptr<char[]> block(new char[kCopyBlockSize]);
-  for (;;) {
-    const size_t got = fread(block.get(), 1, kCopyBlockSize, in.get());
-    if (got > 0 && fwrite(block.get(), 1, got, out.get()) != got) {
+  uint64_t left = BytesToCopy(source);
+  while (left > 0) {
+    const size_t wanted = static_cast<size_t>(std::min<uint64_t>(left, kCopyBlockSize));
+    const ssize_t got = read(source.fd.get(), block.get(), wanted);
+    if (got < 0 && errno == EINTR)
+      continue;
+    // Opened non-blocking: a file of /proc with nothing to give now ends.
+    if (got < 0 && errno == EAGAIN)
+      break;
+    if (got < 0) {
+      const int error = errno;
+      out.reset();
+      return FailReadSource(destination, error, errorText);
+    }
+    if (got == 0)
+      break;
+    const size_t count = static_cast<size_t>(got);
+    if (fwrite(block.get(), 1, count, out.get()) != count) {
       const int error = errno;
       out.reset();
       return FailWrittenCopy(destination, error, errorText);
     }
-    if (got < kCopyBlockSize)
-      break;
+    left -= count;
   }
   // The last block reaches the disk only here.
   if (fclose(out.release()) != 0)
@@ -122,28 +164,37 @@ ResultCode CopyRegularFile(const std::string& source, const std::string& destina
   return 0;
 }
 
-ResultCode CopyPath(const std::string& source, const std::string& destination,
-                    std::string& errorText, FolderPath& ancestors);
+// The result of a refused source: a missing one is "not found", as it was
+// when the source was looked up by stat; a refused one says why.
+ResultCode RefusedSource(const TrustedPathResult& source, std::string& errorText) {
+  if (source.error == ENOENT || source.error == ENOTDIR)
+    return KEELENGINE_ERROR_FILE_NOT_FOUND;
+  errorText = source.reason;
+  KLOG_W("Not copying: %s", source.reason.c_str());
+  return KEELENGINE_ERROR_FILE_OPEN_FAILURE;
+}
 
-ResultCode CopyFolder(const std::string& source, const std::string& destination,
+ResultCode CopyOpened(TrustedPathResult& source, const std::string& destination,
+                      std::string& errorText, FolderPath& ancestors);
+
+// Copies the opened folder `source` entry by entry, each opened from it by
+// TrustedPath, never by a path joined anew.
+ResultCode CopyFolder(TrustedPathResult& source, const std::string& destination,
                       std::string& errorText, FolderPath& ancestors) {
   ResultCode result = DeleteDestination(destination);
   if (result != 0)
     return result;
-
-  DirHandle dir(opendir(source.c_str()));
-  if (!dir) {
-    // Neither a regular file nor a readable folder (a device, a pipe, a
-    // folder without rights): nothing can be copied.
-    errorText = errnoText(errno);
-    KLOG_E("Failed to open folder \"%s\"", source.c_str());
-    return KEELENGINE_ERROR_FILE_OPEN_FAILURE;
-  }
-  struct stat self = {};
-  if (fstat(dirfd(dir.get()), &self) == 0 && IsOnPath(ancestors, self.st_dev, self.st_ino)) {
-    KLOG_W("Not copying \"%s\": it leads back to a folder being copied", source.c_str());
+  if (IsOnPath(ancestors, source.info.st_dev, source.info.st_ino)) {
+    KLOG_W("Not copying \"%s\": it leads back to a folder being copied", destination.c_str());
     return 0;
   }
+  DirHandle dir(fdopendir(source.fd.get()));
+  if (!dir) {
+    errorText = errnoText(errno);
+    KLOG_E("Failed to open folder for \"%s\"", destination.c_str());
+    return KEELENGINE_ERROR_FILE_OPEN_FAILURE;
+  }
+  source.fd.release();  // now the stream's
 
   result = helperUtil::MakeDirectory(destination);
   if (result != 0) {
@@ -151,46 +202,89 @@ ResultCode CopyFolder(const std::string& source, const std::string& destination,
     return 0;
   }
 
-  FolderPathEntry onPath(ancestors, self.st_dev, self.st_ino);
+  FolderPathEntry onPath(ancestors, source.info.st_dev, source.info.st_ino);
   while (const dirent* entry = readdir(dir.get())) {
     if (IsDotEntry(entry->d_name))
       continue;
-    result = CopyPath(source + "/" + entry->d_name, destination + "/" + entry->d_name, errorText,
-                      ancestors);
+    const std::string target = destination + "/" + entry->d_name;
+    TrustedPathResult child = TrustedPath::openAt(dirfd(dir.get()), source.steeringUser,
+                                                  entry->d_name, TrustedKind::kFileOrFolder);
+    result = child.ok() ? CopyOpened(child, target, errorText, ancestors)
+                        : RefusedSource(child, errorText);
     if (result != 0)
       KLOG_RC(LOG_LEVEL_W, "helperUtil::fileCopy", result);
   }
   return 0;
 }
 
-ResultCode CopyPath(const std::string& source, const std::string& destination,
-                    std::string& errorText, FolderPath& ancestors) {
-  struct stat info;
-  if (stat(source.c_str(), &info) != 0)
-    return KEELENGINE_ERROR_FILE_NOT_FOUND;
-  if (source == destination)
-    return 0;
-  if (S_ISREG(info.st_mode))
+ResultCode CopyOpened(TrustedPathResult& source, const std::string& destination,
+                      std::string& errorText, FolderPath& ancestors) {
+  if (S_ISREG(source.info.st_mode))
     return CopyRegularFile(source, destination, errorText);
   return CopyFolder(source, destination, errorText, ancestors);
 }
 
-// One folder of fileFindAll; `folder` ends in "/" and `patterns` are lower
-// case already.
-ResultCode FindIn(const std::string& folder, const std::vector<std::string>& patterns,
-                  bool recursive, std::vector<FileEntry>& results, FolderPath& ancestors) {
-  errno = 0;
-  DirHandle dir(opendir(folder.c_str()));
-  if (!dir) {
-    if (errno == ENOENT) {
-      KLOG_I("\"%s\" is not a directory", folder.c_str());
-      return KEELENGINE_ERROR_FILE_NOT_FOUND;
+// One walk of fileFindAll and fileListTree; `patterns` are lower case.
+struct TreeWalk {
+  const std::vector<std::string>& patterns;
+  bool recursive;
+  bool listUnreachable;
+  std::vector<FileEntry>& results;
+  FolderPath ancestors;
+
+  bool matches(const std::string& name) const {
+    const std::string lowerName = CStringUtils::toLowerCopy(name);
+    for (const std::string& pattern : patterns) {
+      if (helperUtil::wildcardMatch(pattern, lowerName))
+        return true;
     }
-    return KEELENGINE_ERROR_FILE_OPEN_FAILURE;
+    return false;
   }
-  struct stat self = {};
-  fstat(dirfd(dir.get()), &self);
-  FolderPathEntry onPath(ancestors, self.st_dev, self.st_ino);
+
+  // An entry that could not be reached: listed with its reason when the
+  // walk lists such entries and the entry might have held a match.
+  void unreachable(FileEntry& entry, const std::string& reason) {
+    KLOG_W("Not searching \"%s%s\": %s", entry.directory.c_str(), entry.name.c_str(),
+           reason.c_str());
+    if (listUnreachable && (recursive || matches(entry.name))) {
+      entry.unreachable = reason;
+      results.push_back(entry);
+    }
+  }
+};
+
+ResultCode FindIn(TreeWalk& walk, TrustedPathResult& opened, const std::string& folder);
+
+// Goes into the sub-folder `found` (reached as `reached`, an O_PATH
+// descriptor) of the folder `folder`.
+void FindInSubFolder(TreeWalk& walk, FileEntry& found, const TrustedPathResult& reached) {
+  if (IsOnPath(walk.ancestors, reached.info.st_dev, reached.info.st_ino)) {
+    KLOG_W("Not searching \"%s%s\": it leads back to a folder being searched",
+           found.directory.c_str(), found.name.c_str());
+    return;
+  }
+  TrustedPathResult sub;
+  sub.fd.reset(openat(reached.fd.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!sub.ok()) {
+    walk.unreachable(found, errnoText(errno));
+    KLOG_RC(LOG_LEVEL_E, "helperUtil::fileFindAll", KEELENGINE_ERROR_FILE_OPEN_FAILURE);
+    return;
+  }
+  sub.info = reached.info;
+  sub.steeringUser = reached.steeringUser;
+  const ResultCode result = FindIn(walk, sub, found.directory + found.name + "/");
+  if (result != 0)
+    KLOG_RC(LOG_LEVEL_E, "helperUtil::fileFindAll", result);
+}
+
+// One folder of the walk, opened as `opened` (taken over); `folder` is its
+// name, ending in "/".
+ResultCode FindIn(TreeWalk& walk, TrustedPathResult& opened, const std::string& folder) {
+  DirHandle dir(fdopendir(opened.fd.get()));
+  if (!dir)
+    return KEELENGINE_ERROR_FILE_OPEN_FAILURE;
+  opened.fd.release();  // now the stream's
+  FolderPathEntry onPath(walk.ancestors, opened.info.st_dev, opened.info.st_ino);
 
   while (const dirent* entry = readdir(dir.get())) {
     if (IsDotEntry(entry->d_name))
@@ -198,39 +292,73 @@ ResultCode FindIn(const std::string& folder, const std::vector<std::string>& pat
     FileEntry found;
     found.name = entry->d_name;
     found.directory = folder;
-    // A failed stat (a dangling link, a vanished entry) leaves a zeroed
-    // record: the entry is taken as a file from time 0.
-    struct stat info = {};
-    stat((folder + found.name).c_str(), &info);
-    found.isDirectory = S_ISDIR(info.st_mode);
-    found.modified = static_cast<int64_t>(info.st_mtime);
-
-    if (found.isDirectory) {
-      if (!recursive)
-        continue;
-      if (IsOnPath(ancestors, info.st_dev, info.st_ino)) {
-        KLOG_W("Not searching \"%s%s\": it leads back to a folder being searched", folder.c_str(),
-               found.name.c_str());
-        continue;
-      }
-      const ResultCode result =
-          FindIn(folder + found.name + "/", patterns, true, results, ancestors);
-      if (result != 0)
-        KLOG_RC(LOG_LEVEL_E, "helperUtil::fileFindAll", result);
+    // The names go into the summary and make the copies' paths: one that
+    // is no path any more is reported here, and nothing below it looked at.
+    if (folder.size() + found.name.size() >= PATH_MAX) {
+      walk.unreachable(found, errnoText(ENAMETOOLONG));
       continue;
     }
-
-    const std::string lowerName = CStringUtils::toLowerCopy(found.name);
-    for (const std::string& pattern : patterns) {
-      if (helperUtil::wildcardMatch(pattern, lowerName)) {
-        results.push_back(found);
-        break;
-      }
+    const TrustedPathResult reached =
+        TrustedPath::openAt(dirfd(dir.get()), opened.steeringUser, found.name, TrustedKind::kAny);
+    if (reached.ok()) {
+      found.isDirectory = S_ISDIR(reached.info.st_mode);
+      found.modified = static_cast<int64_t>(reached.info.st_mtime);
+    } else if (reached.error != ENOENT && reached.error != ENOTDIR) {
+      walk.unreachable(found, reached.reason);
+      continue;
     }
+    // Otherwise (a dangling link, a vanished entry) the entry is taken as a
+    // file from time 0, and its copy says it is not found.
+
+    if (found.isDirectory) {
+      if (walk.recursive)
+        FindInSubFolder(walk, found, reached);
+      continue;
+    }
+    if (walk.matches(found.name))
+      walk.results.push_back(found);
   }
   // The list is shared along the recursion: a folder reports "not found"
   // only while nothing has been found anywhere before it.
-  return results.empty() ? KEELENGINE_ERROR_FILE_NOT_FOUND : 0;
+  return walk.results.empty() ? KEELENGINE_ERROR_FILE_NOT_FOUND : 0;
+}
+
+// The frame of fileFindAll and fileListTree. `top` receives the listed
+// folder, still open, when the caller wants it.
+ResultCode FindAll(std::string& folder, std::vector<std::string>& patterns, bool recursive,
+                   bool listUnreachable, std::vector<FileEntry>& results, FolderListing* top) {
+  if (folder.empty() || patterns.empty())
+    return KEELENGINE_ERROR_BAD_PARAMETER;
+  if (folder.back() != '/')
+    folder += '/';
+  for (std::string& pattern : patterns)
+    pattern = CStringUtils::toLowerCopy(pattern);
+
+  TreeWalk walk{patterns, recursive, listUnreachable, results, {}};
+  TrustedPathResult opened = TrustedPath::openFolder(folder);
+  if (!opened.ok()) {
+    if (opened.error == ENOENT) {
+      KLOG_I("\"%s\" is not a directory", folder.c_str());
+      return KEELENGINE_ERROR_FILE_NOT_FOUND;
+    }
+    if (!listUnreachable || opened.error == ENOTDIR)
+      return KEELENGINE_ERROR_FILE_OPEN_FAILURE;
+    // The folder itself is what could not be reached.
+    const std::string named = folder.substr(0, folder.find_last_not_of('/') + 1);
+    FileEntry self;
+    self.name = helperUtil::splitAfterLast(named, "/");
+    self.directory = named.size() > self.name.size() ? helperUtil::splitBeforeLast(named, "/", true)
+                                                     : std::string();
+    self.unreachable = opened.reason;
+    KLOG_W("Not searching \"%s\": %s", folder.c_str(), opened.reason.c_str());
+    results.push_back(self);
+    return 0;
+  }
+  if (top != nullptr) {
+    top->folder.reset(fcntl(opened.fd.get(), F_DUPFD_CLOEXEC, 0));
+    top->steeringUser = opened.steeringUser;
+  }
+  return FindIn(walk, opened, folder);
 }
 
 std::streamoff ToOffset(uint64_t count, bool* fits) {
@@ -243,8 +371,23 @@ std::streamoff ToOffset(uint64_t count, bool* fits) {
 
 ResultCode helperUtil::fileCopy(const std::string& source, const std::string& destination,
                                 std::string& errorText) {
+  TrustedPathResult opened = TrustedPath::open(source, TrustedKind::kFileOrFolder);
+  if (!opened.ok())
+    return RefusedSource(opened, errorText);
+  if (source == destination)
+    return 0;
   FolderPath ancestors;
-  return CopyPath(source, destination, errorText, ancestors);
+  return CopyOpened(opened, destination, errorText, ancestors);
+}
+
+ResultCode helperUtil::fileCopyAt(int folder, uid_t steeringUser, const std::string& relative,
+                                  const std::string& destination, std::string& errorText) {
+  TrustedPathResult opened =
+      TrustedPath::openAt(folder, steeringUser, relative, TrustedKind::kFileOrFolder);
+  if (!opened.ok())
+    return RefusedSource(opened, errorText);
+  FolderPath ancestors;
+  return CopyOpened(opened, destination, errorText, ancestors);
 }
 
 ResultCode helperUtil::fileDelete(const std::string& path) {
@@ -257,14 +400,12 @@ ResultCode helperUtil::fileDelete(const std::string& path) {
 
 ResultCode helperUtil::fileFindAll(std::string& folder, std::vector<std::string>& patterns,
                                    bool recursive, std::vector<FileEntry>& results) {
-  if (folder.empty() || patterns.empty())
-    return KEELENGINE_ERROR_BAD_PARAMETER;
-  if (folder.back() != '/')
-    folder += '/';
-  for (std::string& pattern : patterns)
-    pattern = CStringUtils::toLowerCopy(pattern);
-  FolderPath ancestors;
-  return FindIn(folder, patterns, recursive, results, ancestors);
+  return FindAll(folder, patterns, recursive, false, results, nullptr);
+}
+
+ResultCode helperUtil::fileListTree(std::string& folder, std::vector<std::string>& patterns,
+                                    bool recursive, FolderListing& listing) {
+  return FindAll(folder, patterns, recursive, true, listing.entries, &listing);
 }
 
 ResultCode helperUtil::fileGetNewestMatchingFile(const std::string& folder,

@@ -1,4 +1,5 @@
 // File operations of helperUtil: copy, delete, find, cut, make, size.
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -7,11 +8,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <climits>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "gtest/gtest.h"
@@ -97,14 +100,17 @@ TEST(FileCopy, OntoItselfBySameStringDoesNothing) {
   EXPECT_EQ("keep me", keeltest::ReadFile(dir.Sub("a.txt")));
 }
 
-TEST(FileCopy, OntoItselfByOtherTextDeletesSourceThenFailsToOpen) {
+TEST(FileCopy, OntoItselfByOtherTextLeavesTheSourceAlone) {
   keeltest::TempDir dir;
-  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("a.txt"), "lost"));
+  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("a.txt"), "kept"));
+  ASSERT_EQ(0, chmod(dir.Sub("a.txt").c_str(), 0644));
   std::string errorText;
-  EXPECT_EQ(KEELENGINE_ERROR_FILE_OPEN_FAILURE,
-            helperUtil::fileCopy(dir.Sub("a.txt"), dir.path() + "/./a.txt", errorText));
-  EXPECT_EQ("No such file or directory", errorText);
-  EXPECT_FALSE(keeltest::PathExists(dir.Sub("a.txt")));
+  EXPECT_EQ(0u, helperUtil::fileCopy(dir.Sub("a.txt"), dir.path() + "/./a.txt", errorText));
+  EXPECT_EQ("", errorText);
+  EXPECT_EQ("kept", keeltest::ReadFile(dir.Sub("a.txt")));
+  struct stat info;
+  ASSERT_EQ(0, stat(dir.Sub("a.txt").c_str(), &info));
+  EXPECT_EQ(0644u, info.st_mode & 07777);
 }
 
 TEST(FileCopy, MissingSourceIsNotFound) {
@@ -188,8 +194,8 @@ TEST(FileCopy, FifoSourceFailsWithoutBlocking) {
   std::string errorText;
   EXPECT_EQ(KEELENGINE_ERROR_FILE_OPEN_FAILURE,
             helperUtil::fileCopy(dir.Sub("pipe"), dir.Sub("out"), errorText));
-  EXPECT_EQ("Not a directory", errorText);
-  EXPECT_TRUE(Logged(log, LOG_LEVEL_E, "Failed to open folder \"" + dir.Sub("pipe") + "\""));
+  EXPECT_EQ("\"pipe\" is a FIFO, not a regular file", errorText);
+  EXPECT_TRUE(Logged(log, LOG_LEVEL_W, "Not copying: \"pipe\" is a FIFO, not a regular file"));
   EXPECT_FALSE(keeltest::PathExists(dir.Sub("out")));
 }
 
@@ -287,8 +293,9 @@ TEST(FileCopy, UnreadableFileGivesOpenFailureWithReason) {
       return 1;
     if (errorText != "Permission denied")
       return 2;
-    // The old destination was removed before the source failed to open.
-    if (access(destination.c_str(), F_OK) == 0)
+    // The source is opened first: a source that cannot be opened leaves
+    // the destination as it was.
+    if (keeltest::ReadFile(destination) != "old copy")
       return 3;
     return 0;
   });
@@ -1059,4 +1066,239 @@ TEST(FileSize, StringFormTranslatesVariables) {
   EXPECT_EQ(3.0, helperUtil::fileSize(std::string("$KEEL_TEST_SIZE_DIR/f")));
   EXPECT_EQ(-1.0, helperUtil::fileSize("$KEEL_TEST_SIZE_DIR/f"));
   unsetenv("KEEL_TEST_SIZE_DIR");
+}
+
+// ---- Sources that another user controls ------------------------------------------
+
+namespace {
+
+// A folder of uid 65534 below `dir` (made by root, given away), and links
+// made there by that user.
+class OtherUsersTree : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_EQ(0, chmod(m_dir.path().c_str(), 0755)); }
+
+  void Folder(const std::string& relative) {
+    ASSERT_EQ(0, mkdir(m_dir.Sub(relative).c_str(), 0755));
+    ASSERT_EQ(0, chown(m_dir.Sub(relative).c_str(), keeltest::kNobody, keeltest::kNobody));
+  }
+  void Link(const std::string& target, const std::string& relative) {
+    const std::string at = m_dir.Sub(relative);
+    const int status =
+        keeltest::RunAsNobody([&] { return symlink(target.c_str(), at.c_str()) == 0 ? 0 : 1; });
+    if (status == keeltest::kCannotBecomeNobody)
+      GTEST_SKIP() << "cannot change to an unprivileged user";
+    ASSERT_EQ(0, status);
+  }
+  void File(const std::string& relative, const std::string& content) {
+    ASSERT_TRUE(keeltest::WriteFile(m_dir.Sub(relative), content));
+    ASSERT_EQ(0, chown(m_dir.Sub(relative).c_str(), keeltest::kNobody, keeltest::kNobody));
+  }
+  // A file of root's only.
+  void Secret(const std::string& relative) {
+    ASSERT_TRUE(keeltest::WriteFile(m_dir.Sub(relative), "root only\n"));
+    ASSERT_EQ(0, chmod(m_dir.Sub(relative).c_str(), 0600));
+  }
+
+  keeltest::TempDir m_dir;
+};
+
+const char kUserSteers[] = " belongs to uid 0 but is reached through a folder or link of uid 65534";
+
+}  // namespace
+
+TEST_F(OtherUsersTree, FileCopyRefusesTheUsersLinkToARootOnlyFileAndSaysWhy) {
+  Secret("secret");
+  Folder("user");
+  Link("../secret", "user/app.log");
+  std::string errorText;
+  EXPECT_EQ(KEELENGINE_ERROR_FILE_OPEN_FAILURE,
+            helperUtil::fileCopy(m_dir.Sub("user/app.log"), m_dir.Sub("copy"), errorText));
+  EXPECT_EQ(std::string("\"..\"") + kUserSteers, errorText);
+  EXPECT_FALSE(keeltest::PathExists(m_dir.Sub("copy")));
+}
+
+TEST_F(OtherUsersTree, FolderCopyLeavesOutWhatTheUsersLinksLeadTo) {
+  Secret("private/secret");
+  ASSERT_EQ(0, chmod(m_dir.Sub("private").c_str(), 0700));
+  Folder("user");
+  File("user/mine.log", "mine\n");
+  Link("../private/secret", "user/file-link");
+  Link("../private", "user/folder-link");
+  keeltest::LogCapture log;
+  std::string errorText;
+  EXPECT_EQ(0u, helperUtil::fileCopy(m_dir.Sub("user"), m_dir.Sub("copy"), errorText));
+  EXPECT_EQ((std::vector<std::string>{"mine.log"}), keeltest::ListDir(m_dir.Sub("copy")));
+  EXPECT_TRUE(Logged(log, LOG_LEVEL_W, std::string("Not copying: \"..\"") + kUserSteers));
+}
+
+TEST_F(OtherUsersTree, ListingForACopyNamesWhatItCouldNotReachInItsPlace) {
+  Secret("secret");
+  Folder("user");
+  File("user/a.log", "a");
+  Link("../secret", "user/b.log");
+  File("user/c.log", "c");
+  std::string folder = m_dir.Sub("user");
+  std::vector<std::string> patterns{"*.log"};
+  FolderListing listing;
+  ASSERT_EQ(0u, helperUtil::fileListTree(folder, patterns, false, listing));
+  ASSERT_TRUE(listing.folder.valid());
+  EXPECT_EQ(keeltest::kNobody, listing.steeringUser);
+  std::vector<std::string> rows;
+  for (const FileEntry& entry : listing.entries)
+    rows.push_back(entry.name + "|" + entry.unreachable);
+  std::sort(rows.begin(), rows.end());
+  EXPECT_EQ(
+      (std::vector<std::string>{"a.log|", "b.log|\"..\"" + std::string(kUserSteers), "c.log|"}),
+      rows);
+  // fileFindAll leaves it out.
+  std::vector<FileEntry> found;
+  folder = m_dir.Sub("user");
+  ASSERT_EQ(0u, helperUtil::fileFindAll(folder, patterns, false, found));
+  EXPECT_EQ((std::vector<std::string>{folder + "a.log", folder + "c.log"}), NamesOf(found));
+}
+
+TEST_F(OtherUsersTree, ListedFolderThatIsTheUsersLinkIsOneUnreachableEntry) {
+  Secret("private/secret.log");
+  ASSERT_EQ(0, chmod(m_dir.path().c_str(), 0777));  // shared, without the sticky bit
+  Link(m_dir.Sub("private"), "logs");
+  std::string folder = m_dir.Sub("logs");
+  std::vector<std::string> patterns{"*.log"};
+  FolderListing listing;
+  ASSERT_EQ(0u, helperUtil::fileListTree(folder, patterns, true, listing));
+  EXPECT_FALSE(listing.folder.valid());
+  ASSERT_EQ(1u, listing.entries.size());
+  EXPECT_EQ(m_dir.path() + "/", listing.entries[0].directory);
+  EXPECT_EQ("logs", listing.entries[0].name);
+  EXPECT_EQ("symbolic link \"logs\" of uid 65534 in a folder of uid 0 is not followed",
+            listing.entries[0].unreachable);
+  std::vector<FileEntry> found;
+  folder = m_dir.Sub("logs");
+  EXPECT_EQ(KEELENGINE_ERROR_FILE_OPEN_FAILURE,
+            helperUtil::fileFindAll(folder, patterns, true, found));
+}
+
+TEST(FileListTree, HealthyTreeListsAsFileFindAllInTheSameOrder) {
+  keeltest::TempDir dir;
+  ASSERT_TRUE(dir.WriteEach({"t/a.log", "t/b/c.log", "t/b/d.txt", "t/e/f/g.log", "t/h.log"}));
+  ASSERT_EQ(0, symlink("b", dir.Sub("t/link").c_str()));
+  std::string first = dir.Sub("t");
+  std::vector<std::string> patterns{"*.LOG"};
+  std::vector<FileEntry> found;
+  ASSERT_EQ(0u, helperUtil::fileFindAll(first, patterns, true, found));
+  std::string second = dir.Sub("t");
+  std::vector<std::string> samePatterns{"*.LOG"};
+  FolderListing listing;
+  ASSERT_EQ(0u, helperUtil::fileListTree(second, samePatterns, true, listing));
+  ASSERT_EQ(found.size(), listing.entries.size());
+  EXPECT_EQ(5u, found.size());  // the linked folder is listed again
+  for (size_t i = 0; i < found.size(); ++i) {
+    EXPECT_EQ(found[i].directory + found[i].name,
+              listing.entries[i].directory + listing.entries[i].name);
+    EXPECT_EQ(found[i].modified, listing.entries[i].modified);
+    EXPECT_EQ("", listing.entries[i].unreachable);
+  }
+}
+
+TEST(FileListTree, NamePastPathMaxIsAnUnreachableEntry) {
+  keeltest::TempDir dir;
+  // Folders of 250 characters, made one level at a time by descriptor.
+  const std::string name(250, 'n');
+  std::string path = dir.path();
+  ScopedFd folder(open(dir.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  while (path.size() + name.size() + 1 < PATH_MAX) {
+    ASSERT_EQ(0, mkdirat(folder.get(), name.c_str(), 0700));
+    folder.reset(openat(folder.get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    path += "/" + name;
+  }
+  ASSERT_EQ(0, mkdirat(folder.get(), name.c_str(), 0700));
+  folder.reset(openat(folder.get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  ScopedFd file(openat(folder.get(), "deep.log", O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+  ASSERT_TRUE(file.valid());
+  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("top.log"), ""));
+
+  std::string top = dir.path();
+  std::vector<std::string> patterns{"*.log"};
+  FolderListing listing;
+  ASSERT_EQ(0u, helperUtil::fileListTree(top, patterns, true, listing));
+  ASSERT_EQ(2u, listing.entries.size());
+  const FileEntry& far =
+      listing.entries[0].name == "top.log" ? listing.entries[1] : listing.entries[0];
+  EXPECT_EQ(name, far.name);
+  EXPECT_EQ(path + "/", far.directory);
+  EXPECT_EQ("File name too long", far.unreachable);
+}
+
+TEST(FileListTree, FolderPastTheDescriptorLimitIsAnUnreachableEntry) {
+  KEEL_SKIP_UNDER_ADDRESS_SANITIZER();
+  keeltest::TempDir dir;
+  std::string relative = "t";
+  for (int level = 0; level < 40; ++level)
+    relative += "/d";
+  ASSERT_TRUE(keeltest::WriteFile(dir.Sub(relative + "/deep.log"), "deep"));
+  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("t/top.log"), "top"));
+  const std::string top = dir.Sub("t");
+  const std::string text = keeltest::TextFromChild([&] {
+    // Room for the test process's own descriptors and about 20 levels.
+    const rlimit low = {32, 32};
+    if (setrlimit(RLIMIT_NOFILE, &low) != 0)
+      return std::string("no limit");
+    std::string folder = top;
+    std::vector<std::string> patterns{"*.log"};
+    FolderListing listing;
+    if (helperUtil::fileListTree(folder, patterns, true, listing) != 0)
+      return std::string("failed");
+    std::string rows;
+    for (const FileEntry& entry : listing.entries)
+      rows += entry.name + "|" + entry.unreachable + "\n";
+    return rows;
+  });
+  EXPECT_NE(std::string::npos, text.find("top.log|\n")) << text;
+  EXPECT_NE(std::string::npos, text.find("d|Too many open files\n")) << text;
+  EXPECT_EQ(std::string::npos, text.find("deep.log")) << text;
+}
+
+TEST(FileCopyAt, CopiesANameBelowTheOpenedFolder) {
+  keeltest::TempDir dir;
+  ASSERT_TRUE(keeltest::WriteFile(dir.Sub("t/sub/a.log"), "alpha"));
+  ScopedFd folder(open(dir.Sub("t").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  std::string errorText;
+  EXPECT_EQ(0u, helperUtil::fileCopyAt(folder.get(), 0, "sub/a.log", dir.Sub("copy"), errorText));
+  EXPECT_EQ("alpha", keeltest::ReadFile(dir.Sub("copy")));
+  EXPECT_EQ(KEELENGINE_ERROR_FILE_NOT_FOUND,
+            helperUtil::fileCopyAt(folder.get(), 0, "sub/none", dir.Sub("copy2"), errorText));
+}
+
+TEST(FileCopy, GrowingFileIsCopiedUpToItsSizeWhenOpened) {
+  keeltest::TempDir dir;
+  const std::string source = dir.Sub("growing.log");
+  ASSERT_TRUE(keeltest::WriteFile(source, Bytes(3 << 20)));
+  ASSERT_EQ(0, mkdir(dir.Sub("out").c_str(), 0700));
+  const std::string destination = dir.Sub("out/copy.log");
+  // The copy goes to a folder with room for 4 MiB. Once the copy has
+  // begun (its destination is there), the source grows by 1 GiB without
+  // using room: a copy that read to the end would fill the folder.
+  const int status = keeltest::RunWithTmpfsAt(dir.Sub("out"), [&] {
+    std::atomic<bool> done{false};
+    std::thread grower([&] {
+      while (!done && access(destination.c_str(), F_OK) != 0) {
+      }
+      truncate(source.c_str(), (3 << 20) + (1LL << 30));
+    });
+    std::string errorText;
+    const ResultCode result = helperUtil::fileCopy(source, destination, errorText);
+    done = true;
+    grower.join();
+    if (result != 0)
+      return 1;
+    return keeltest::ReadFile(destination) == Bytes(3 << 20) ? 0 : 2;
+  });
+  KEEL_EXPECT_ISOLATED_CHILD_PASSED(status);
+}
+
+TEST(FileCopy, FilesOfProcAreReadToTheirEnd) {
+  keeltest::TempDir dir;
+  std::string errorText;
+  ASSERT_EQ(0u, helperUtil::fileCopy("/proc/self/status", dir.Sub("status"), errorText));
+  EXPECT_NE(std::string::npos, keeltest::ReadFile(dir.Sub("status")).find("\nPid:"));
 }
