@@ -1,25 +1,30 @@
 # The two commands a newcomer needs: `make run` and `make test`.
 # Each installs what is missing, configures with CMake and Ninja, and builds.
 
-PACKAGES := cmake ninja-build g++ pkg-config python3 \
+# What building, running and packaging need (GoogleTest too: the build
+# configures the test programs).
+BUILD_PACKAGES := cmake ninja-build g++ pkg-config \
             libxml2-dev zlib1g-dev libminizip-dev libssl-dev \
             libboost-dev libboost-thread-dev libsystemd-dev \
-            libgtest-dev libgmock-dev googletest \
-            gettext libxml2-utils unzip zip util-linux \
-            dpkg-dev file lintian man-db groff-base bash-completion \
+            libgtest-dev libgmock-dev googletest dpkg-dev file
+# What only the tests need: the tools that check the bundle, the package and
+# the playbooks from outside, and the programs the end-to-end tests run.
+TEST_PACKAGES := python3 gettext libxml2-utils unzip zip p7zip-full \
+            util-linux procps systemd \
+            lintian man-db groff-base bash-completion \
             ansible-core ansible-lint
 
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS := -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
-.PHONY: all deps build run test test-main test-asan test-tsan clean package install
+.PHONY: all deps test-deps build run test test-main test-asan test-tsan clean package install
 
 all: build
 
 # Installs only what is missing; `apt-get update` runs only then.
-deps:
+define install-missing
 	@missing=""; \
-	for p in $(PACKAGES); do \
+	for p in $(1); do \
 	  dpkg-query -W -f='$${Status}\n' $$p 2>/dev/null | grep -q 'install ok installed' || missing="$$missing $$p"; \
 	done; \
 	if [ -n "$$missing" ]; then \
@@ -28,6 +33,13 @@ deps:
 	  $$SUDO apt-get update && \
 	  $$SUDO env DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends $$missing; \
 	fi
+endef
+
+deps:
+	$(call install-missing,$(BUILD_PACKAGES))
+
+test-deps:
+	$(call install-missing,$(BUILD_PACKAGES) $(TEST_PACKAGES))
 
 build: deps
 	cmake -S . -B build $(CMAKE_FLAGS) -DKEEL_WERROR=ON
@@ -39,7 +51,7 @@ run: build
 	./build/keelcli -dst build/KEELBundle.zip
 	@if [ -f build/KEELBundle.zip ]; then echo "Bundle written to $$(pwd)/build/KEELBundle.zip"; fi
 
-test: deps test-main test-asan test-tsan
+test: test-deps test-main test-asan test-tsan
 
 test-main:
 	cmake -S . -B build $(CMAKE_FLAGS) -DKEEL_WERROR=ON
