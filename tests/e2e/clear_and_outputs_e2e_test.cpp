@@ -16,6 +16,7 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/e2e/E2eInstructions.h"
 #include "tests/e2e/E2eSupport.h"
 #include "tests/support/CliTexts.h"
 #include "tests/support/TestSupport.h"
@@ -24,47 +25,9 @@ namespace {
 
 using namespace keeltest;  // NOLINT(build/namespaces): the test kit
 
-const char kAsNobody[] = "setpriv --reuid 65534 --regid 65534 --clear-groups ";
-const char kFinished[] = "KEEL has finished... ";
-
-std::string FileInstruction(const std::string& id, const std::string& actions) {
-  return "<file id=\"" + id + "\"><description>" + id +
-         " files</description><default>true</default><keel><os opsys=\"linux\">" + actions +
-         "</os></keel></file>\n";
-}
-
 std::string ClearableLogs(const std::string& loc) {
   return "<file_copy_action><action><loc>" + loc +
          "</loc><clear_log apply=\"true\"/></action></file_copy_action>";
-}
-
-std::string CopyFile(const std::string& path) {
-  return "<file_copy_action><action><loc>" + path + "</loc></action></file_copy_action>";
-}
-
-// A program in `folder` with an output file `output`; with `captured` the
-// shell form (its standard output appended there), otherwise the launch
-// form (the program writes it, and the tool copies it).
-std::string Program(const std::string& folder, const std::string& name, const std::string& output,
-                    bool captured) {
-  return "<use_extern_action><action><path>" + folder + "</path><args>" + name +
-         "</args><temp_out>" + output + "</temp_out>" + (captured ? "<stdout/>" : "") +
-         "</action></use_extern_action>";
-}
-
-std::string Config(const std::string& instructions) {
-  return "<?xml version=\"1.0\"?>\n<config><configure><title>Outputs</title></configure>"
-         "<fileGroup treeRootName=\"Outputs\"><title>Outputs</title>\n" +
-         instructions + "</fileGroup></config>\n";
-}
-
-std::string Squeezed(const std::string& text) {
-  std::string squeezed;
-  for (char c : text) {
-    if (!isspace(static_cast<unsigned char>(c)))
-      squeezed += c;
-  }
-  return squeezed;
 }
 
 // Shell text: the log files f0000.log to f<count-1>.log in `folder`.
@@ -97,7 +60,8 @@ class RootAgainstAnotherUser : public keeltest::IsolatedTree {
   std::string User() const { return m_tree->Sub("srv/user"); }
 
   void AddConfig(const std::string& instructions) {
-    ASSERT_TRUE(WriteFile(m_tree->Sub("install/xml/config/outputs.xml"), Config(instructions)));
+    ASSERT_TRUE(WriteFile(m_tree->Sub("install/xml/config/outputs.xml"),
+                          InstructionFile("Outputs", instructions)));
   }
 
   IsolatedResult Keel(const std::vector<std::string>& args, const std::string& prepare,
@@ -200,8 +164,8 @@ TEST_F(ClearingRun, FolderSwappedInALoopDuringTheRunLeavesTheRootFolderAlone) {
 // ---- program output files ------------------------------------------------------
 
 TEST_F(ProgramOutputs, ShellFormOutputPlantedAsALinkLeavesItsTargetAlone) {
-  AddConfig(
-      FileInstruction("prog", Program(m_tree->Sub("src"), "hello.sh", "/tmp/x_out.txt", true)));
+  AddConfig(FileInstruction(
+      "prog", ProgramWithOutput(m_tree->Sub("src"), "hello.sh", "/tmp/x_out.txt", true)));
   const std::string bundle = m_tree->Sub("out/b.zip");
   const IsolatedResult run =
       Keel({"-dst", bundle},
@@ -220,8 +184,8 @@ TEST_F(ProgramOutputs, ShellFormOutputPlantedAsALinkLeavesItsTargetAlone) {
 }
 
 TEST_F(ProgramOutputs, LaunchFormOutputPlantedAsALinkIsNotCopied) {
-  AddConfig(
-      FileInstruction("prog", Program(m_tree->Sub("src"), "quiet.sh", "/tmp/x_out.txt", false)));
+  AddConfig(FileInstruction(
+      "prog", ProgramWithOutput(m_tree->Sub("src"), "quiet.sh", "/tmp/x_out.txt", false)));
   const std::string bundle = m_tree->Sub("out/b.zip");
   const IsolatedResult run =
       Keel({"-dst", bundle},
@@ -241,8 +205,9 @@ TEST_F(ProgramOutputs, LaunchFormOutputPlantedAsALinkIsNotCopied) {
 }
 
 TEST_F(ProgramOutputs, OutputCutByAFullTmpIsOmittedWithTheSystemsWords) {
-  AddConfig(FileInstruction("big", Program(m_tree->Sub("src"), "big.sh", "big.txt", true)) +
-            FileInstruction("small", CopyFile(Src("a.log"))));
+  AddConfig(
+      FileInstruction("big", ProgramWithOutput(m_tree->Sub("src"), "big.sh", "big.txt", true)) +
+      FileInstruction("small", CopyFile(Src("a.log"))));
   const std::string bundle = m_tree->Sub("out/b.zip");
   const IsolatedResult run = Keel({"-dst", bundle}, "", "", "size=1m");
   ASSERT_EQ(0, run.status) << run.err;

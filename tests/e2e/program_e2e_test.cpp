@@ -323,7 +323,7 @@ TEST_F(ProgramRun, CapturedOutputIsNamedAfterTheProgram) {
 
 TEST_F(ProgramRun, TempOutThatIsNotThereIsOmittedWithTheReason) {
   Script("noop.sh", ":\n");
-  // Not a regular file and no folder either: the copy fails with a text.
+  // Not a regular file: the copy refuses it, in words.
   Script("pipe.sh", "mkfifo /tmp/pipe.out\n");
   AddConfig(
       "one.xml",
@@ -347,7 +347,8 @@ TEST_F(ProgramRun, TempOutThatIsNotThereIsOmittedWithTheReason) {
           SummaryRow("", "", "", "/tmp/gone.txt as specified by Config", 50) +
           SummaryRow("pipe", "pipe.out", "a pipe", "KEEL cannot access temporary output at:", 50) +
           SummaryRow("", "", "", "/tmp/pipe.out as specified by Config Error", 50) +
-          SummaryRow("", "", "", "returned:Not a directory", 50) + kOmittedEnd + kTail);
+          SummaryRow("", "", "", "returned:\"pipe.out\" is a FIFO, not a regular file", 50) +
+          kOmittedEnd + kTail);
   const std::string notFound =
       InvokedWithCode("helperUtil::fileCopy", KEELENGINE_ERROR_FILE_NOT_FOUND) +
       " Description: KEEL cannot access temporary output at: /tmp/gone.txt "
@@ -356,7 +357,7 @@ TEST_F(ProgramRun, TempOutThatIsNotThereIsOmittedWithTheReason) {
   const std::string openFailure =
       InvokedWithCode("helperUtil::fileCopy", KEELENGINE_ERROR_FILE_OPEN_FAILURE) +
       " Description: KEEL cannot access temporary output at: /tmp/pipe.out as specified by Config "
-      "Error returned:Not a directory";
+      "Error returned:\"pipe.out\" is a FIFO, not a regular file";
   EXPECT_EQ(LogLines(run.log, {"[ERROR] ", openFailure}).size(), 1u) << run.log;
   // The walk over the actions logs the failed action again, except for a
   // file that was not found.

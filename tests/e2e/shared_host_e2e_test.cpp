@@ -16,6 +16,7 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/e2e/E2eInstructions.h"
 #include "tests/e2e/E2eSupport.h"
 #include "tests/support/TestSupport.h"
 
@@ -24,53 +25,6 @@ namespace fs = std::filesystem;
 namespace {
 
 using namespace keeltest;  // NOLINT(build/namespaces): the test kit
-
-const char kFinished[] = "KEEL has finished... ";
-const char kNobody[] = "setpriv --reuid 65534 --regid 65534 --clear-groups ";
-
-// One file ID with the given actions for Linux.
-std::string FileInstruction(const std::string& id, const std::string& actions) {
-  return "<file id=\"" + id + "\"><description>" + id +
-         " files</description><default>true</default><keel><os opsys=\"linux\">" + actions +
-         "</os></keel></file>\n";
-}
-
-std::string CopyFile(const std::string& path) {
-  return "<file_copy_action><action><loc>" + path + "</loc></action></file_copy_action>";
-}
-
-std::string CopyFolder(const std::string& path) {
-  return "<directory_copy_action><action><loc>" + path +
-         "</loc><pattern>*</pattern></action></directory_copy_action>";
-}
-
-// A program started directly: `name` in `folder`, no output file.
-std::string Launch(const std::string& folder, const std::string& name) {
-  return "<use_extern_action><action><path>" + folder + "</path><args>" + name +
-         "</args></action></use_extern_action>";
-}
-
-// A command run by the shell with its output in `output` in the bundle.
-std::string Captured(const std::string& folder, const std::string& command,
-                     const std::string& output) {
-  return "<use_extern_action><action><path>" + folder + "</path><args>" + command +
-         "</args><temp_out>" + output + "</temp_out><stdout/></action></use_extern_action>";
-}
-
-std::string Config(const std::string& instructions) {
-  return "<?xml version=\"1.0\"?>\n<config><configure><title>Shared Host</title></configure>"
-         "<fileGroup treeRootName=\"Shared Host\"><title>Shared Host</title>\n" +
-         instructions + "</fileGroup></config>\n";
-}
-
-std::string Squeezed(const std::string& text) {
-  std::string squeezed;
-  for (char c : text) {
-    if (!isspace(static_cast<unsigned char>(c)))
-      squeezed += c;
-  }
-  return squeezed;
-}
 
 class SharedHostRun : public keeltest::IsolatedTree {
  protected:
@@ -87,7 +41,8 @@ class SharedHostRun : public keeltest::IsolatedTree {
   std::string Keelcli() const { return m_tree->Sub("install/keelcli"); }
 
   void AddConfig(const std::string& instructions) {
-    ASSERT_TRUE(WriteFile(m_tree->Sub("install/xml/config/shared.xml"), Config(instructions)));
+    ASSERT_TRUE(WriteFile(m_tree->Sub("install/xml/config/shared.xml"),
+                          InstructionFile("Shared Host", instructions)));
   }
 
   void AddScript(const std::string& name, const std::string& body) {
@@ -143,15 +98,15 @@ TEST_F(SharedHostRun, FreshNamesPreparedByAnotherUserAreNeverAdopted) {
   for (size_t i = 0; i < names.size(); ++i) {
     const std::string name = ShellQuote(names[i]);
     if (i % 2 == 0) {
-      prepare += kNobody + std::string("mkdir -m 0777 ") + name + "\n";
+      prepare += kAsNobody + std::string("mkdir -m 0777 ") + name + "\n";
     } else {
       const std::string trap = "/tmp/trap" + std::to_string(i);
-      prepare += kNobody + std::string("mkdir -m 0777 ") + trap + "\n" + kNobody + "ln -s " + trap +
-                 " " + name + "\n";
-      prepare += kNobody + std::string("ln -s /opt/victim.txt ") + trap + "/summary.txt\n";
+      prepare += kAsNobody + std::string("mkdir -m 0777 ") + trap + "\n" + kAsNobody + "ln -s " +
+                 trap + " " + name + "\n";
+      prepare += kAsNobody + std::string("ln -s /opt/victim.txt ") + trap + "/summary.txt\n";
       continue;
     }
-    prepare += kNobody + std::string("ln -s /opt/victim.txt ") + name + "/summary.txt\n";
+    prepare += kAsNobody + std::string("ln -s /opt/victim.txt ") + name + "/summary.txt\n";
   }
   const std::string bundle = m_tree->Sub("out/b.zip");
   const IsolatedResult run =
@@ -171,7 +126,7 @@ TEST_F(SharedHostRun, PlainNameLinkedToAFolderLeavesThatFolderAlone) {
   const std::string prepare =
       "mkdir /opt/victim && echo precious > /opt/victim/keep.txt && echo more > "
       "/opt/victim/more.txt\n" +
-      std::string(kNobody) + "ln -s /opt/victim /tmp/KEEL_Temp_Bundle\n";
+      std::string(kAsNobody) + "ln -s /opt/victim /tmp/KEEL_Temp_Bundle\n";
   const std::string bundle = m_tree->Sub("out/b.zip");
   const IsolatedResult run = Keel(bundle, prepare,
                                   "cat /opt/victim/keep.txt /opt/victim/more.txt; "
@@ -195,7 +150,7 @@ TEST_F(SharedHostRun, CopiesAndBundleStayUnreadableToOtherUsersDuringAndAfterThe
             "  [ -f \"$f\" ] || continue\n"
             "  echo \"seen $(basename \"$f\")\" >> /opt/probe.txt\n"
             "  " +
-                std::string(kNobody) +
+                std::string(kAsNobody) +
                 "cat \"$f\" > /dev/null 2>&1 && echo \"READ $f\" >> /opt/probe.txt\n"
                 "done\nexit 0");
   // Instructions run in the order of their ids: the probe comes last.
@@ -205,10 +160,10 @@ TEST_F(SharedHostRun, CopiesAndBundleStayUnreadableToOtherUsersDuringAndAfterThe
   const IsolatedResult run =
       Run({"/bin/sh", "-c", "umask 022; exec " + ShellQuote(Keelcli()) + " -dst /tmp/out/b.zip"},
           "mkdir -m 0755 /tmp/out\n",
-          "cat /opt/probe.txt; stat -c %a /tmp/out/b.zip; " + std::string(kNobody) +
+          "cat /opt/probe.txt; stat -c %a /tmp/out/b.zip; " + std::string(kAsNobody) +
               "cat /tmp/out/b.zip > /dev/null 2>&1 && echo READ BUNDLE; "
               "for f in $(find /tmp/KEEL_Temp_Bundle* -type f 2>/dev/null); do " +
-              kNobody + "cat \"$f\" > /dev/null 2>&1 && echo \"READ LEFT $f\"; done; true");
+              kAsNobody + "cat \"$f\" > /dev/null 2>&1 && echo \"READ LEFT $f\"; done; true");
   ASSERT_EQ(0, run.status) << run.err;
   EXPECT_NE(std::string::npos, run.out.find(kFinished)) << run.out;
   // The probe saw the copies and the summary (so it ran during the run)
@@ -306,7 +261,7 @@ INSTANTIATE_TEST_SUITE_P(Signals, InterruptedRun, ::testing::Values("INT", "TERM
 
 TEST_F(SharedHostRun, ProgramsReadNothingFromTheToolsInput) {
   AddScript("readin.sh", "read line; echo \"got [$line]\" > /opt/readin.txt");
-  AddConfig(FileInstruction("shell", Captured("/bin", "cat", "cat.txt")) +
+  AddConfig(FileInstruction("shell", ProgramWithOutput("/bin", "cat", "cat.txt", true)) +
             FileInstruction("launch", Launch(m_tree->Sub("src"), "readin.sh")));
   const std::string bundle = m_tree->Sub("out/b.zip");
   // The tool's input is a pipe that stays open and never says anything.
@@ -333,8 +288,9 @@ TEST_F(SharedHostRun, TwoRunsStartedTogetherKeepTheirOwnFiles) {
   fs::create_directories(m_tree->Sub("second/xml/config"));
   fs::copy_file(Keelcli(), m_tree->Sub("second/keelcli"));
   chmod(m_tree->Sub("second/keelcli").c_str(), 0755);
-  ASSERT_TRUE(WriteFile(m_tree->Sub("second/xml/config/shared.xml"),
-                        Config(FileInstruction("a-beta", CopyFile(Src("b.log"))) + pause)));
+  ASSERT_TRUE(WriteFile(
+      m_tree->Sub("second/xml/config/shared.xml"),
+      InstructionFile("Shared Host", FileInstruction("a-beta", CopyFile(Src("b.log"))) + pause)));
   const std::string first = m_tree->Sub("out/a.zip");
   const std::string second = m_tree->Sub("out/b.zip");
   const IsolatedResult run = Run({"/bin/sh", "-c",

@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/e2e/E2eInstructions.h"
 #include "tests/e2e/E2eSupport.h"
 #include "tests/support/TestSupport.h"
 
@@ -18,34 +19,7 @@ namespace {
 
 using namespace keeltest;  // NOLINT(build/namespaces): the test kit
 
-const char kFinished[] = "KEEL has finished... ";
 const char kBundle[] = "/tmp/out/b.zip";
-
-std::string FileInstruction(const std::string& id, const std::string& actions) {
-  return "<file id=\"" + id + "\"><description>" + id +
-         " files</description><default>true</default><keel><os opsys=\"linux\">" + actions +
-         "</os></keel></file>\n";
-}
-
-std::string CopyFile(const std::string& path) {
-  return "<file_copy_action><action><loc>" + path + "</loc></action></file_copy_action>";
-}
-
-std::string CopyFolder(const std::string& path) {
-  return "<directory_copy_action><action><loc>" + path +
-         "</loc><pattern>*</pattern></action></directory_copy_action>";
-}
-
-std::string Launch(const std::string& folder, const std::string& name) {
-  return "<use_extern_action><action><path>" + folder + "</path><args>" + name +
-         "</args></action></use_extern_action>";
-}
-
-std::string Config(const std::string& instructions) {
-  return "<?xml version=\"1.0\"?>\n<config><configure><title>Signals</title></configure>"
-         "<fileGroup treeRootName=\"Signals\"><title>Signals</title>\n" +
-         instructions + "</fileGroup></config>\n";
-}
 
 // Shell text that waits (at most a minute) until the run's program has
 // written its pid, that is, until the run is at work.
@@ -77,7 +51,8 @@ class SignalsRun : public keeltest::IsolatedTree {
   }
 
   void AddConfig(const std::string& instructions) {
-    ASSERT_TRUE(WriteFile(m_tree->Sub("install/xml/config/signals.xml"), Config(instructions)));
+    ASSERT_TRUE(WriteFile(m_tree->Sub("install/xml/config/signals.xml"),
+                          InstructionFile("Signals", instructions)));
   }
 
   void AddScript(const std::string& name, const std::string& body) {
@@ -99,7 +74,7 @@ class SignalsRun : public keeltest::IsolatedTree {
   IsolatedResult Shell(const std::string& script, const std::string& inspect = "") {
     return keeltest::RunIsolated(
         {"/bin/sh", "-c", script}, {"HOME=" + m_tree->Sub("home"), "USER=tester"},
-        m_tree->Sub("work"), m_tree->Sub("scratch"), "mkdir -m 0777 /tmp/out\n", inspect);
+        m_tree->Sub("work"), m_tree->Sub("scratch"), "mkdir -m 1777 /tmp/out\n", inspect);
   }
 
   std::string Inspect() const { return ReadFile(m_tree->Sub("scratch/inspect.txt")); }
@@ -169,8 +144,9 @@ TEST_F(SignalsRun, StormOfSignalsEndsTheRunAndCleansUp) {
   const IsolatedResult run =
       Shell("{ timeout -s KILL 60 " + Keelcli() + " -dst " + kBundle +
                 "; echo $? > /opt/status; } | { sleep 6; cat > /dev/null; } & " + kAwaitProgram +
-                // The tool is the program's parent.
-                "k=$(cut -d' ' -f4 /proc/$(cat /opt/slow.pid)/stat); "
+                // The program runs below a keeper, whose parent is the tool.
+                "p=$(cut -d' ' -f4 /proc/$(cat /opt/slow.pid)/stat); "
+                "k=$(cut -d' ' -f4 /proc/$p/stat); "
                 "[ \"$(cat /proc/$k/comm)\" = keelcli ] || k=; "
                 "while kill -0 $k 2>/dev/null && [ \"$(cut -d' ' -f3 /proc/$k/stat)\" != Z ]; do "
                 "for s in TERM HUP INT TERM HUP INT TERM HUP INT TERM; do kill -s $s" +

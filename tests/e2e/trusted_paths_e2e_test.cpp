@@ -19,6 +19,7 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/e2e/E2eInstructions.h"
 #include "tests/e2e/E2eSupport.h"
 #include "tests/support/TestSupport.h"
 
@@ -26,42 +27,8 @@ namespace {
 
 using namespace keeltest;  // NOLINT(build/namespaces): the test kit
 
-const char kFinished[] = "KEEL has finished... ";
-const char kAsNobody[] = "setpriv --reuid 65534 --regid 65534 --clear-groups ";
 const char kSteered[] = " belongs to uid 0 but is reached through a folder or link of uid 65534";
 const char kOpening[] = " Error occurred opening the file: ";
-
-std::string FileInstruction(const std::string& id, const std::string& actions) {
-  return "<file id=\"" + id + "\"><description>" + id +
-         " files</description><default>true</default><keel><os opsys=\"linux\">" + actions +
-         "</os></keel></file>\n";
-}
-
-std::string CopyFile(const std::string& path) {
-  return "<file_copy_action><action><loc>" + path + "</loc></action></file_copy_action>";
-}
-
-std::string CopyFolder(const std::string& path, const std::string& pattern) {
-  return "<directory_copy_action><action><loc>" + path + "</loc><pattern>" + pattern +
-         "</pattern></action></directory_copy_action>";
-}
-
-std::string Config(const std::string& instructions) {
-  return "<?xml version=\"1.0\"?>\n<config><configure><title>Trusted Paths</title></configure>"
-         "<fileGroup treeRootName=\"Trusted Paths\"><title>Trusted Paths</title>\n" +
-         instructions + "</fileGroup></config>\n";
-}
-
-// The summary's columns wrap long texts over several rows; without white
-// space a reason reads as one.
-std::string Squeezed(const std::string& text) {
-  std::string squeezed;
-  for (char c : text) {
-    if (!isspace(static_cast<unsigned char>(c)))
-      squeezed += c;
-  }
-  return squeezed;
-}
 
 class TrustedPathsRun : public IsolatedTree {
  protected:
@@ -74,7 +41,8 @@ class TrustedPathsRun : public IsolatedTree {
   }
 
   void AddConfig(const std::string& instructions) {
-    ASSERT_TRUE(WriteFile(m_tree->Sub("install/xml/config/paths.xml"), Config(instructions)));
+    ASSERT_TRUE(WriteFile(m_tree->Sub("install/xml/config/paths.xml"),
+                          InstructionFile("Trusted Paths", instructions)));
   }
 
   std::string Keelcli() const { return m_tree->Sub("install/keelcli"); }

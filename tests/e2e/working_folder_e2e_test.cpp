@@ -13,39 +13,13 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/e2e/E2eInstructions.h"
 #include "tests/e2e/E2eSupport.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
 
 using namespace keeltest;  // NOLINT(build/namespaces): the test kit
-
-const char kFinished[] = "KEEL has finished... ";
-const char kNobody[] = "setpriv --reuid 65534 --regid 65534 --clear-groups ";
-
-// One file ID with the given actions for Linux.
-std::string FileInstruction(const std::string& id, const std::string& actions) {
-  return "<file id=\"" + id + "\"><description>" + id +
-         " files</description><default>true</default><keel><os opsys=\"linux\">" + actions +
-         "</os></keel></file>\n";
-}
-
-std::string CopyFile(const std::string& path) {
-  return "<file_copy_action><action><loc>" + path + "</loc></action></file_copy_action>";
-}
-
-std::string CopyFolder(const std::string& path) {
-  return "<directory_copy_action><action><loc>" + path +
-         "</loc><pattern>*</pattern></action></directory_copy_action>";
-}
-
-// One config "Work" whose group, with `groupExtra` attributes, holds
-// `instructions`.
-std::string Config(const std::string& instructions, const std::string& groupExtra = "") {
-  return "<?xml version=\"1.0\"?>\n<config><configure><title>Work</title></configure>"
-         "<fileGroup treeRootName=\"Work\"" +
-         groupExtra + "><title>Work</title>\n" + instructions + "</fileGroup></config>\n";
-}
 
 // The head of summary.txt up to its time line.
 const char kHeadStart[] = "KEEL BUNDLE SUMMARY\n\nTime:                         ";
@@ -57,9 +31,10 @@ class WorkingFolderRun : public keeltest::IsolatedTree {
         {"install/xml/config", "home", "work", "out", "scratch", "src"}, "install/keelcli"));
     if (IsSkipped())
       return;
-    // The other user must be able to reach the bundle's folder.
+    // The other user must be able to reach and write the bundle's folder,
+    // which, shared so, must have the sticky bit.
     chmod(m_tree->path().c_str(), 0755);
-    chmod(m_tree->Sub("out").c_str(), 0777);
+    chmod(m_tree->Sub("out").c_str(), 01777);
     ASSERT_TRUE(WriteFile(Src("a.log"), "alpha\n"));
   }
 
@@ -68,8 +43,8 @@ class WorkingFolderRun : public keeltest::IsolatedTree {
   std::string Bundle() const { return Out("b.zip"); }
 
   void AddConfig(const std::string& instructions, const std::string& groupExtra = "") {
-    ASSERT_TRUE(
-        WriteFile(m_tree->Sub("install/xml/config/work.xml"), Config(instructions, groupExtra)));
+    ASSERT_TRUE(WriteFile(m_tree->Sub("install/xml/config/work.xml"),
+                          InstructionFile("Work", instructions, groupExtra)));
   }
 
   IsolatedResult Keel(const std::string& prepare = "", const std::string& inspect = "") {
@@ -87,7 +62,7 @@ TEST_F(WorkingFolderRun, EveryFreshNameMadeInAdvanceStillGivesABundleAndSaysWhy)
   // Every fresh name of this minute and the next (the namespace keeps UTC),
   // made by the other user: the even numbers as folders, the odd ones as
   // links.
-  const std::string nobody = kNobody;
+  const std::string nobody = kAsNobody;
   const std::string prepare =
       nobody +
       "mkdir -m 0777 /tmp/theirs\n"
@@ -119,7 +94,7 @@ TEST_F(WorkingFolderRun, EveryFreshNameMadeInAdvanceStillGivesABundleAndSaysWhy)
 
 TEST_F(WorkingFolderRun, LeftoversOfDeadRunsGoAndOtherUsersThingsStay) {
   AddConfig(FileInstruction("alpha", CopyFile(Src("a.log"))));
-  const std::string nobody = kNobody;
+  const std::string nobody = kAsNobody;
   const std::string prepare =
       // A dead run's folder with a tree, and its unfinished bundle.
       "mkdir -p /tmp/KEEL_Temp_Bundle__0101_0000_1/logs/deep\n"
