@@ -193,6 +193,7 @@ TEST_F(SignalsRun, ClosedStandardInputAndOutputStillGiveABundle) {
 }
 
 TEST_F(SignalsRun, RefusedThreadGivesOneLineAndLeavesNothing) {
+  KEEL_SKIP_UNDER_ADDRESS_SANITIZER();
   AddConfig(FileInstruction("a-alpha", CopyFile(Src("a.log"))));
   // As another user whose limit of processes allows no second thread.
   const IsolatedResult run = Shell(

@@ -17,8 +17,9 @@
 #include "Common/Log/Log.h"
 
 // Skips the running test under the address sanitizer: for tests that run
-// out of descriptors on purpose, since the sanitizer's runtime makes pipes
-// of its own and reports false errors when it gets none.
+// out of descriptors or threads on purpose, since the sanitizer's runtime
+// makes pipes and threads of its own (the leak check at exit runs on one)
+// and reports false errors when it gets none.
 #if defined(__SANITIZE_ADDRESS__)
 #define KEEL_SKIP_UNDER_ADDRESS_SANITIZER() GTEST_SKIP() << "not under sanitizers"
 #else
