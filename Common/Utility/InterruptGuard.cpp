@@ -211,6 +211,11 @@ void Watch() {
       continue;
     if (count <= 0 || byte == kStopWatching)
       return;
+    // The lock stays taken until the process is gone: a thread that makes
+    // something between the clean-up and the exit (the archive's file, once
+    // the programs it waited for have ended) would otherwise leave it behind
+    // unregistered and unremoved. Makers wait in their Hold instead.
+    State().lock.lock();
     _exit(CInterruptGuard::CleanUp(byte));
   }
 }
