@@ -73,6 +73,8 @@ class Walk {
  private:
   bool refuse(int error, const std::string& reason);
   bool refuseSystem(int error) { return refuse(error, errnoText(error)); }
+  // The steering rule for one component, refused in words when broken.
+  bool mayUse(const std::string& name, const struct stat& info);
   // The checks of a folder or link owned by `info` while m_steering steers;
   // takes the owner as steering user when root steered so far.
   bool pass(const std::string& name, const struct stat& info);
@@ -98,12 +100,17 @@ bool Walk::refuse(int error, const std::string& reason) {
   return false;
 }
 
+bool Walk::mayUse(const std::string& name, const struct stat& info) {
+  if (TrustedPath::mayUse(m_steering, info.st_uid, info.st_mode))
+    return true;
+  return refuse(EPERM, Quoted(name) + " belongs to uid " + std::to_string(info.st_uid) +
+                           " but is reached through a folder or link of uid " +
+                           std::to_string(m_steering));
+}
+
 bool Walk::pass(const std::string& name, const struct stat& info) {
-  if (!TrustedPath::mayUse(m_steering, info.st_uid, info.st_mode)) {
-    return refuse(EPERM, Quoted(name) + " belongs to uid " + std::to_string(info.st_uid) +
-                             " but is reached through a folder or link of uid " +
-                             std::to_string(m_steering));
-  }
+  if (!mayUse(name, info))
+    return false;
   if (m_steering == 0)
     m_steering = info.st_uid;
   return true;
@@ -187,11 +194,8 @@ bool Walk::finish(const std::string& name, ScopedFd pathFd, const struct stat& i
         return refuseSystem(errno);
     }
   } else {
-    if (!TrustedPath::mayUse(m_steering, info.st_uid, info.st_mode)) {
-      return refuse(EPERM, Quoted(name) + " belongs to uid " + std::to_string(info.st_uid) +
-                               " but is reached through a folder or link of uid " +
-                               std::to_string(m_steering));
-    }
+    if (!mayUse(name, info))
+      return false;
     if (m_kind == TrustedKind::kFolder)
       return refuseSystem(ENOTDIR);
     if (m_kind == TrustedKind::kAny) {
